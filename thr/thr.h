@@ -1,0 +1,161 @@
+/**
+ * @file thr/thr.h
+ * The plain functions, variables and records of thr, the thread, synchronisation and process
+ * library of the Velkora tool suite. C11 and C++17; does not include <windows.h>: operating-system
+ * handles are `void *`, and null means none unless a function says otherwise.
+ *
+ * Two kinds of report reach a host (see thr_set_report_func()):
+ * - an *internal error*, a broken precondition, always ends the process with exit status -1;
+ * - an *OS failure*, a call that the operating system refused, ends the process the same way only
+ *   when no report hook is installed. With a hook the report returns, and the function goes on as
+ *   its description says.
+ *
+ * Unless a function says otherwise it may be called from any thread, texts are NUL-terminated, and
+ * a text or record that is handed out belongs to the caller.
+ */
+#ifndef THR_THR_H
+#define THR_THR_H
+
+#include <stdarg.h>
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef THR_BUILDING
+#define THR_API __declspec(dllexport)
+#else
+#define THR_API __declspec(dllimport)
+#endif
+
+#ifdef __cplusplus
+#define THR_NORETURN [[noreturn]]
+extern "C" {
+#else
+#define THR_NORETURN _Noreturn
+#endif
+
+/** @defgroup reporting Reporting and debugging
+ *  How a host learns of refused calls, broken preconditions and traces.
+ *  @{ */
+
+/** Receives reports. It may be called from any thread, and several times at once.
+ *  @param message    the report: for an internal error the broken condition alone, for an OS
+ *                    failure the whole text; valid only during the call
+ *  @param sub_system always "THR"
+ *  @param file       the library's source file that reports, such as "thr/thr_event.cpp"
+ *  @param line       the line in that file */
+typedef void (*THR_REPORT_FUNC)(const char *message, const char *sub_system, const char *file,
+                                int line);
+
+/** Receives debug messages. It may be called from any thread, and several times at once.
+ *  @param sub_system always "THR"
+ *  @param format     a printf format
+ *  @param args       its arguments, for vprintf() and its like */
+typedef void (*THR_DEBUG_FUNC)(const char *sub_system, const char *format, va_list args);
+
+/** Installs the report hook, in place of the one before; null removes it.
+ *
+ *  Without a hook a report is written to standard error and the process ends with exit status -1.
+ *  With a hook an internal error still ends the process as soon as the hook returns; after an OS
+ *  failure the operation carries on. Install hooks before other threads use the library. */
+THR_API void thr_set_report_func(THR_REPORT_FUNC func);
+
+/** Installs the debug hook, in place of the one before; null removes it.
+ *  @param func       receives every debug message, warnings included
+ *  @param fake_debug non-zero: as long as no hook is installed, print debug messages to standard
+ *                    output. Once set, this stays set for the life of the process. */
+THR_API void thr_set_debug_func(THR_DEBUG_FUNC func, int fake_debug);
+
+/** Executes a breakpoint instruction, for a debugger that is attached. Without a debugger the
+ *  process ends with the platform's breakpoint exception. */
+THR_API void thr_debug_break(void);
+
+/** Passes a text to the debugger's output window (OutputDebugStringA), unchanged. */
+THR_API void thr_win32_output_debug_string(const char *text);
+
+/** @} */
+
+/** @defgroup thread_variables Thread variables, time, affinity
+ *  @{ */
+
+/** Storage of one thread variable: the operating system's slot index. Owned by the caller. */
+typedef uint32_t THR_THREAD_VAR;
+
+/** Allocates the slot of a thread variable. Every thread reads null until it sets its own value.
+ *  @return 0, or the OS error code, which is also traced on the debug channel */
+THR_API int thr_thread_var_init(THR_THREAD_VAR *var);
+
+/** Frees the slot. No thread may use the variable any more.
+ *  @return 0, or the OS error code */
+THR_API int thr_thread_var_destroy(THR_THREAD_VAR *var);
+
+/** @return the calling thread's value; null if it never set one */
+THR_API void *thr_thread_var_get(const THR_THREAD_VAR *var);
+
+/** Sets the calling thread's value. The library never frees it.
+ *  @return 0, or the OS error code */
+THR_API int thr_thread_var_set(const THR_THREAD_VAR *var, void *value);
+
+/** Sleeps.
+ *  @param seconds at most 4294967 (the milliseconds are computed in 32 bits); 0 gives up the rest
+ *                 of the time slice */
+THR_API void thr_sleep(uint32_t seconds);
+
+/** Sleeps.
+ *  @param milliseconds 0 gives up the rest of the time slice */
+THR_API void thr_msleep(uint32_t milliseconds);
+
+/** @return milliseconds since the system started; wraps to 0 after about 49.7 days */
+THR_API uint32_t thr_get_tick_count(void);
+
+/** @return the process's affinity mask, a bit for each logical processor; 0 when the system
+ *          refused and the OS failure report ("set the process' CPU affinity mask") returned */
+THR_API uintptr_t thr_get_cpu_affinity_mask(void);
+
+/** Restricts the calling thread to the given processors.
+ *  @param affinity_mask a bit for each logical processor; bits of processors that the process may
+ *                       not use are dropped. If none is left: internal error "affinity_mask != 0".
+ *  A refused call is the OS failure "set the thread's CPU affinity mask". */
+THR_API void thr_set_thread_affinity_mask(uintptr_t affinity_mask);
+
+/** Names the calling thread for an attached debugger; without one it does nothing.
+ *  @param name read only during the call */
+THR_API void thr_rename_thread(const char *name);
+
+/** @return the id of the calling process */
+THR_API int thr_getpid(void);
+
+/** @} */
+
+/** @defgroup mutex Mutex
+ *  A recursive lock for the threads of one process. A null mutex is the internal error
+ *  "mutex != 0" in every function.
+ *  @{ */
+
+/** A mutex, made by thr_mutex_create() and released by thr_mutex_destroy() alone. */
+typedef struct THR_MUTEX_RECORD *THR_MUTEX;
+
+/** Creates an unlocked mutex.
+ *  @return never null: a failed allocation is the internal error "mutex" */
+THR_API THR_MUTEX thr_mutex_create(void);
+
+/** Releases a mutex that no thread owns or waits for. */
+THR_API void thr_mutex_destroy(THR_MUTEX mutex);
+
+/** Locks the mutex; waits without limit. The owner may lock it again, and unlocks it as often. */
+THR_API void thr_mutex_lock(THR_MUTEX mutex);
+
+/** Locks the mutex if that needs no waiting.
+ *  @return 1 when it is locked (also again, by its owner), 0 while another thread owns it */
+THR_API int thr_mutex_try_lock(THR_MUTEX mutex);
+
+/** Undoes one lock; only for the thread that owns the mutex. */
+THR_API void thr_mutex_unlock(THR_MUTEX mutex);
+
+/** @} */
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
