@@ -154,6 +154,69 @@ THR_API void thr_mutex_unlock(THR_MUTEX mutex);
 
 /** @} */
 
+/** @defgroup interprocess Interprocess mode, mutex and semaphore
+ *  Processes of one machine exclude each other through lock files: empty files that exist while
+ *  their holder has them open. A holder that ends, however it ends, lets go of its locks.
+ *
+ *  A path names the shared resource, usually a file to be guarded; the lock files lie beside it,
+ *  so its directory must exist and be writable. Paths are read as UTF-8; keep to ASCII in the names
+ *  of lock directories. Creating a mutex or semaphore enters that directory for a moment, so other
+ *  threads should not use relative paths just then.
+ *  @{ */
+
+/** Switches interprocess mode on. The mode is a flag for hosts; no function of this library behaves
+ *  differently by it. */
+THR_API void thr_enable_interprocess_mode(void);
+
+/** Switches interprocess mode off, as it is when the library is loaded. */
+THR_API void thr_disable_interprocess_mode(void);
+
+/** @return whether interprocess mode is on */
+THR_API bool thr_is_interprocess_mode(void);
+
+/** @return "flock", the extension of every lock file, without a dot; owned by the library */
+THR_API const char *thr_get_interprocess_file_extension(void);
+
+/** Tells whether a process lives.
+ *  @return false also when the process can't be opened for lack of rights; true also for a process
+ *          that has ended with exit code 259 as long as somebody has it open. A process id is used
+ *          again after its process has gone. */
+THR_API bool thr_is_pid_active(uint32_t pid);
+
+/** An interprocess mutex. One record may be used by one thread at a time; it counts its locks. */
+typedef struct THR_IP_MUTEX_RECORD *THR_IP_MUTEX;
+
+/** Creates an interprocess mutex; touches no file. The lock file's name is the absolute path
+ *  followed by ".mtx.flock".
+ *  @param filepath not null or empty (internal error "filepath && *filepath")
+ *  @return never null (a failed allocation is the internal error "mutex"). A path whose directory
+ *          can't be used gives a mutex that is not good: every lock of it fails. */
+THR_API THR_IP_MUTEX thr_ip_mutex_create(const char *filepath);
+
+/** Gives up every hold of this record at once and releases the record.
+ *  In this and the following functions a null mutex is the internal error "mutex != 0". */
+THR_API void thr_ip_mutex_destroy(THR_IP_MUTEX mutex);
+
+/** @return whether the mutex can be locked at all */
+THR_API bool thr_ip_mutex_is_good(THR_IP_MUTEX mutex);
+
+/** Locks the mutex: takes the lock file, or raises the count of a record that holds it already.
+ *  While another holder has the file it tries again every 10 milliseconds, without limit. Another
+ *  record for the same path is another holder, in this process too.
+ *  @return 1 when held; 0 when the lock file is refused for any other reason, such as a missing
+ *          directory or missing rights */
+THR_API int thr_ip_mutex_lock(THR_IP_MUTEX mutex);
+
+/** As thr_ip_mutex_lock(), but never waits.
+ *  @return 1 when held, else 0 */
+THR_API int thr_ip_mutex_try_lock(THR_IP_MUTEX mutex);
+
+/** Undoes one lock; the last one lets the lock file go. Without a lock: internal error
+ *  "mutex->m_ref_count > 0". */
+THR_API void thr_ip_mutex_unlock(THR_IP_MUTEX mutex);
+
+/** @} */
+
 #ifdef __cplusplus
 }
 #endif
