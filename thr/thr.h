@@ -154,6 +154,152 @@ THR_API void thr_mutex_unlock(THR_MUTEX mutex);
 
 /** @} */
 
+/** @defgroup processes Processes
+ *  Child processes and what a caller does with them. Process handles and pipe ends are raw OS
+ *  handles owned by the caller. "Returns an OS error code" means 0 on success and otherwise what
+ *  GetLastError() says; nothing is reported unless a function says so.
+ *  @{ */
+
+/** How a process ended. */
+typedef struct thr_process_status {
+    int32_t status;    /**< filled by thr_process_wait() with the exit code too */
+    int32_t exit_code; /**< the exit code */
+} thr_process_status;
+
+/** Starts a child process: suspended, with the requested pipes, put into a job object of its own
+ *  that is named by the child's process id in decimal, then resumed. The child's descendants stay
+ *  in that job. Creations are serialised, so that no child inherits another one's pipe ends.
+ *
+ *  @param command   the whole command line, program first; quote arguments with blanks as the
+ *                   child's runtime expects. Must be writable; unchanged on return.
+ *  @param directory the child's working directory; null or empty: the caller's
+ *  @param out_pipe  where to store the read end of the child's standard output; null: not
+ * redirected
+ *  @param err_pipe  the same for standard error; the same place as `out_pipe`: both streams go into
+ *                   one pipe, whose read end is stored once
+ *  @param in_pipe   where to store the write end of the child's standard input; null: not
+ * redirected
+ *  @param reserved  not used
+ *  @param job       where to store the job object's handle, which the caller closes with
+ *                   thr_process_close_handle(); null: the library keeps the job open for the life
+ *                   of the calling process
+ *  @return the process handle, which thr_process_wait(), thr_process_terminate() or
+ *          thr_process_close_handle() releases; null when the child could not be started, with the
+ *          reason on the debug channel and one line on standard error. `job` is then not written,
+ *          and pipe ends that were stored stay the caller's to close.
+ *
+ *  A pipe that can't be made leaves its stream alone and its place unwritten, so set the places to
+ *  null before the call. The stored ends are not inheritable. Refused job limits are the OS
+ * failures "query job info" and "modify job info"; with a report hook the creation goes on. A
+ * caller whose standard output is no console starts its children without a console window. */
+THR_API void *thr_process_create_and_save_job(char *command, const char *directory, void **out_pipe,
+                                              void **err_pipe, void **in_pipe, void *reserved,
+                                              void **job);
+
+/** thr_process_create_and_save_job() with `job` null. */
+THR_API void *thr_process_create(char *command, const char *directory, void **out_pipe,
+                                 void **err_pipe, void **in_pipe, void *reserved);
+
+/** Sets whether children inherit: non-zero lets them inherit every inheritable handle of this
+ *  process, and gives them this process's standard handles where no pipe is requested. Off when the
+ *  library is loaded. For the whole process. */
+THR_API void thr_process_set_inherit_handles(int inherit);
+
+/** Reads from a pipe; blocks until there is something to read.
+ *  @param pipe   a read end
+ *  @param buffer receives at most `size` bytes
+ *  @param size   in bytes
+ *  @param count  receives the bytes read; may be null; untouched on failure
+ *  @return an OS error code; 109 (ERROR_BROKEN_PIPE) when every writer has closed */
+THR_API int thr_process_read(void *pipe, void *buffer, uint32_t size, uint32_t *count);
+
+/** Writes to a pipe; blocks while the pipe is full.
+ *  @param pipe   a write end
+ *  @param buffer `size` bytes
+ *  @param size   in bytes
+ *  @param count  receives the bytes written; may be null; untouched on failure
+ *  @return an OS error code */
+THR_API int thr_process_write(void *pipe, const void *buffer, uint32_t size, uint32_t *count);
+
+/** Tells whether a pipe has something to read; takes nothing out of it and does not block.
+ *  @param pipe     a read end
+ *  @param has_data receives 1 or 0; may be null
+ *  @return an OS error code */
+THR_API int thr_process_peek(void *pipe, int *has_data);
+
+/** Waits for a child to end, or asks whether it has.
+ *  @param process a process handle
+ *  @param status  receives the exit code, in both fields, once the child has ended; may be null
+ *  @param options bit 0: do not wait
+ *  @return the handle's value once the child has ended, and the handle is closed then; 0 while it
+ *          runs; -1 for a null handle and on failure. A child that ended with exit code 259 can't
+ * be told from a running one. */
+THR_API intptr_t thr_process_wait(void *process, thr_process_status *status, int options);
+
+/** Ends a child at once, with `status.exit_code`.
+ *  @return 0, and the handle is closed; -1 for a null handle; else an OS error code, and the handle
+ *          stays open */
+THR_API int thr_process_terminate(void *process, thr_process_status status);
+
+/** Closes a process or job handle; null is left alone. */
+THR_API void thr_process_close_handle(void *handle);
+
+/** Closes a pipe end.
+ *  @return 0, whatever the system says */
+THR_API int thr_process_close_pipe(void *pipe);
+
+/** @return the standard-input handle that this process was started with; owned by the process */
+THR_API void *thr_process_get_stdin(void);
+
+/** Gives the calling process idle priority.
+ *  @return an OS error code */
+THR_API int thr_process_lower_priority(void);
+
+/** Asks the calling thread's message loop to end: posts a quit message with exit code -1. The
+ *  process goes on until that loop ends.
+ *  @param status not used */
+THR_API void thr_process_exit(thr_process_status status);
+
+/** Runs a command to its end; its output goes nowhere.
+ *  @param command as for thr_process_create_and_save_job()
+ *  @return the exit code; -1 when the child could not be started or its exit code can't be had */
+THR_API int thr_run(char *command);
+
+/** @return what the runtime's system() gives for the command */
+THR_API int thr_system(const char *command);
+
+/* The record has a field that <errno.h> defines as a macro. */
+#pragma push_macro("errno")
+#undef errno
+/** The outcome of a system function, in codes of the caller's own. Use the functions below: `errno`
+ *  is a macro in most sources. */
+typedef struct thr_sys_func {
+    int32_t name;  /**< which function */
+    int32_t wstat; /**< a wait status */
+    int32_t errno; /**< an error number */
+} thr_sys_func;
+#pragma pop_macro("errno")
+
+/** Fills a record; `wstat` becomes 0. */
+THR_API void thr_sys_func_init(thr_sys_func *record, int32_t name, int32_t error);
+/** Fills a record. */
+THR_API void thr_sys_func_waitpid_init(thr_sys_func *record, int32_t name, int32_t wstat,
+                                       int32_t error);
+/** @return the field `name` */
+THR_API int32_t thr_sys_func_get_name(const thr_sys_func *record);
+/** @return the field `wstat` */
+THR_API int32_t thr_sys_func_get_wstat(const thr_sys_func *record);
+/** @return the field `errno` */
+THR_API int32_t thr_sys_func_get_errno(const thr_sys_func *record);
+
+/** @return a new empty text for thr_sys_func_delete_msg(); a failed allocation is the internal
+ *          error "msg_buf" */
+THR_API char *thr_sys_func_create_msg(void);
+/** Frees a text of thr_sys_func_create_msg(). */
+THR_API void thr_sys_func_delete_msg(char *message);
+
+/** @} */
+
 /** @defgroup interprocess Interprocess mode, mutex and semaphore
  *  Processes of one machine exclude each other through lock files: empty files that exist while
  *  their holder has them open. A holder that ends, however it ends, lets go of its locks.
