@@ -75,6 +75,81 @@ THR_API void thr_win32_output_debug_string(const char *text);
 
 /** @} */
 
+/** @defgroup threads Threads
+ *  Threads are run through the chain of wrappers that the host has registered. Each is represented
+ *  by a record of the library, its id: the caller of thr_thread_create() owns it and gives it up
+ *  exactly once, by thr_thread_wait(), thr_thread_detach() or
+ *  thr_thread_terminate_and_possibly_crash(). A null id given to one of these is the internal error
+ *  "thread_id". THR_THREAD_MAIN_ID is not for them.
+ *  @{ */
+
+/** A thread's id. */
+typedef struct THR_THREAD_RECORD *THR_THREAD_ID;
+
+/** What a thread runs; the result is its exit value. */
+typedef void *(*THR_THREAD_FUNC)(void *arg);
+
+/** Does its work around a call of the link in its own next slot, with the same function and
+ *  argument, and returns what that call returns. */
+typedef void *(*THR_THREAD_WRAPPER)(THR_THREAD_FUNC func, void *arg);
+
+/** The id of the thread that loaded the library; null after the library's shutdown. */
+extern THR_API THR_THREAD_ID THR_THREAD_MAIN_ID;
+
+/** Starts a thread.
+ *  @param func       what it runs
+ *  @param arg        its argument
+ *  @param stack_size in bytes; 0: the platform's default. A thread that may report a refused call
+ *                    needs 64 KiB more than its own work.
+ *  @return its id, never null: a failed allocation is the internal error "info". A refused start is
+ *          the OS failure "create a thread"; with a report hook an id comes back all the same, of a
+ *          thread that never runs. */
+THR_API THR_THREAD_ID thr_thread_create(THR_THREAD_FUNC func, void *arg, uint32_t stack_size);
+
+/** Waits, without limit, for a thread to end, and releases its id. Refused calls are the OS failure
+ *  "shut down a thread".
+ *  @return its exit value: what its function returned or it gave to thr_thread_exit(); null for a
+ *          thread that never ran */
+THR_API void *thr_thread_wait(THR_THREAD_ID thread_id);
+
+/** Gives the id up; the thread goes on and its record is released when both have happened. A
+ *  refused close is the OS failure "detach a thread". */
+THR_API void thr_thread_detach(THR_THREAD_ID thread_id);
+
+/** Stops a thread where it stands and gives its id up. Nothing of it is unwound: locks that it
+ *  holds stay held, its wrappers do not complete, and its record stays allocated unless it had
+ *  finished before. Refused calls are the OS failure "terminate a thread". */
+THR_API void thr_thread_terminate_and_possibly_crash(THR_THREAD_ID thread_id);
+
+/** Ends the calling thread, which must be one of thr_thread_create(), with an exit value. Its
+ *  wrappers do not complete, and C++ objects on its stack are not destroyed. */
+THR_NORETURN THR_API void thr_thread_exit(void *exit_value);
+
+/** @return 1 while the thread's function has not finished, else 0. Only while the id is owned. */
+THR_API int thr_thread_is_running(THR_THREAD_ID thread_id);
+
+/** @return the calling thread's id, THR_THREAD_MAIN_ID on the thread that loaded the library, null
+ *          on any other thread that is not of thr_thread_create() */
+THR_API THR_THREAD_ID thr_thread_self(void);
+
+/** Appends a wrapper to the chain, for threads that start from now on; there is no removal. The
+ *  first one registered is the outermost. Must not overlap another registration or a thread start.
+ *  @param wrapper_func          the wrapper
+ *  @param next_wrapper_func_ptr its next slot, null in it (internal error
+ *                               "*next_wrapper_func_ptr == 0"); lives as long as the library, which
+ *                               fills it with the next link */
+THR_API void thr_thread_set_next_wrapper_func(THR_THREAD_WRAPPER wrapper_func,
+                                              THR_THREAD_WRAPPER *next_wrapper_func_ptr);
+
+/** Runs a function through the chain of wrappers on the calling thread.
+ *  @return what the chain returns */
+THR_API void *thr_thread_wrapper(THR_THREAD_FUNC func, void *arg);
+
+/** Has no effect; thr_thread_create() takes the stack size. */
+THR_API void thr_thread_set_stack_size(uint32_t stack_size);
+
+/** @} */
+
 /** @defgroup thread_variables Thread variables, time, affinity
  *  @{ */
 
@@ -151,6 +226,85 @@ THR_API int thr_mutex_try_lock(THR_MUTEX mutex);
 
 /** Undoes one lock; only for the thread that owns the mutex. */
 THR_API void thr_mutex_unlock(THR_MUTEX mutex);
+
+/** @} */
+
+/** @defgroup event Event
+ *  A manual-reset signal for the threads of one process. A null event is the internal error
+ *  "event != 0" in every function.
+ *  @{ */
+
+/** An event, made by thr_event_create() and released by thr_event_destroy() alone. */
+typedef struct THR_EVENT_RECORD *THR_EVENT;
+
+/** Creates an event that is not posted.
+ *  @return never null: a failed allocation is the internal error "event"; a refused event is the OS
+ *          failure "create an event", after which nothing works on the record but its release */
+THR_API THR_EVENT thr_event_create(void);
+
+/** Releases an event that no thread waits for. A refused close is only a warning. */
+THR_API void thr_event_destroy(THR_EVENT event);
+
+/** Posts: every waiter, and every wait until the next reset, goes on. OS failure "set an event". */
+THR_API void thr_event_post(THR_EVENT event);
+
+/** Releases the threads that wait at this moment and leaves the event not posted. The platform may
+ *  miss a waiter that is just then away from its wait: prefer post and reset. OS failure "set an
+ *  event". */
+THR_API void thr_event_pulse(THR_EVENT event);
+
+/** Takes a post back. OS failure "reset an event". */
+THR_API void thr_event_reset(THR_EVENT event);
+
+/** @return 1 when posted, else 0 (also when the system refuses to tell) */
+THR_API int thr_event_is_posted(THR_EVENT event);
+
+/** Waits until the event is posted or the time is over. OS failure "wait for an event".
+ *  @param timeout in milliseconds; 0 means no limit
+ *  @return always 1: ask thr_event_is_posted() which it was */
+THR_API int thr_event_wait(THR_EVENT event, uint32_t timeout);
+
+/** @} */
+
+/** @defgroup rw_sem Read-write semaphore
+ *  Many readers or one writer, threads of one process, writers first: from the moment a writer
+ * asks, no new reader gets in. A null semaphore is always available: locks and unlocks do nothing
+ * and the try-locks return 1.
+ *
+ *  A write lock is undone by the thread that made it, and may be made again by that thread. A
+ *  thread must not ask for the write lock while it reads, nor for the read lock while it writes,
+ *  nor for a second read lock: each may wait for itself.
+ *  @{ */
+
+/** A read-write semaphore, made by thr_rw_sem_create(). */
+typedef struct THR_RW_SEM_RECORD *THR_RW_SEM;
+
+/** Creates a free semaphore.
+ *  @return never null: a failed allocation is the internal error "new_sem" */
+THR_API THR_RW_SEM thr_rw_sem_create(void);
+
+/** Releases what the semaphore is made of, but not its record: the caller then gives that to
+ *  free(). No thread may hold the semaphore or wait for it. */
+THR_API void thr_rw_sem_destroy(THR_RW_SEM sem);
+
+/** Takes the read lock; waits, without limit, while a writer holds or waits. */
+THR_API void thr_rw_sem_read_lock(THR_RW_SEM sem);
+
+/** @return 1 when the read lock was taken, 0 when a writer holds or waits */
+THR_API int thr_rw_sem_read_try_lock(THR_RW_SEM sem);
+
+/** Undoes a read lock. */
+THR_API void thr_rw_sem_read_unlock(THR_RW_SEM sem);
+
+/** Takes the write lock; waits, without limit, for the readers that are in and for writers before
+ *  this one. */
+THR_API void thr_rw_sem_write_lock(THR_RW_SEM sem);
+
+/** @return 1 when the write lock was taken, 0 when anybody holds or waits */
+THR_API int thr_rw_sem_write_try_lock(THR_RW_SEM sem);
+
+/** Undoes a write lock. */
+THR_API void thr_rw_sem_write_unlock(THR_RW_SEM sem);
 
 /** @} */
 
@@ -360,6 +514,62 @@ THR_API int thr_ip_mutex_try_lock(THR_IP_MUTEX mutex);
 /** Undoes one lock; the last one lets the lock file go. Without a lock: internal error
  *  "mutex->m_ref_count > 0". */
 THR_API void thr_ip_mutex_unlock(THR_IP_MUTEX mutex);
+
+/** @} */
+
+/** @defgroup pump Message pumps
+ *  The main thread's window messages, or the host's own event loop. The main thread is the one that
+ *  loaded the library.
+ *  @{ */
+
+/** Replaces the pump: takes the pump's limit and returns its result. */
+typedef uint64_t (*THR_WIN32_PUMP_FUNC)(uint64_t limit);
+
+/** Processes the pending events of the host's Qt loop. */
+typedef void (*THR_QT_PROCESS_EVENT_FUNC)(void);
+
+/** Posted to make the pump report an exit; null until it is first needed, never destroyed. */
+extern THR_API THR_EVENT thr_win32_pump_exit_event;
+
+/** What the pump returns when it finds the exit event posted: 95134, or what the host stores. */
+extern THR_API uint64_t thr_win32_pump_exit_retcode;
+
+/** Posted to ask the host's Qt loop to stop; null until it is first needed, never destroyed. The
+ *  host's hook tests and resets it. */
+extern THR_API THR_EVENT thr_qt_exit_event;
+
+/** @return 1: the library runs on Win32 */
+THR_API int thr_win32_is(void);
+
+/** @return the id of the window message registered under that name; 0 when the system refuses */
+THR_API uint32_t thr_win32_get_registered_message(const char *name);
+
+/** Replaces the pump; null brings the library's own back. */
+THR_API void thr_win32_set_msg_pump_func(THR_WIN32_PUMP_FUNC func);
+
+/** Handles the messages that wait in the main thread's queue; does not wait for any.
+ *  @param limit 0: no limit; N: at most N + 1 messages
+ *  @return 0 on any other thread; what the host's pump returns, if there is one;
+ *          thr_win32_pump_exit_retcode when the exit event was posted and a message came (the event
+ *          is reset, and the message lost); else 0 without a limit, or the messages handled.
+ *
+ *  A quit message is put back for the host's own loop; without a limit it ends the pump. */
+THR_API uint64_t thr_win32_pump_messages(uint64_t limit);
+
+/** Posts the pump's exit event, which the next pump that takes a message sees. */
+THR_API void thr_win32_post_pump_exit_event(void);
+
+/** Installs the Qt hook; null removes it. */
+THR_API void thr_qt_set_process_event_func(THR_QT_PROCESS_EVENT_FUNC func);
+
+/** On the main thread, runs the Qt hook.
+ *  @return 0 without a hook; else thr_win32_pump_exit_retcode as it was before the hook ran, on any
+ *          thread */
+THR_API uint64_t thr_qt_process_events(void);
+
+/** Posts the Qt exit event.
+ *  @return 1; 0 without a Qt hook, and nothing is posted then */
+THR_API int thr_qt_post_exit_event(void);
 
 /** @} */
 

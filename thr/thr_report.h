@@ -37,16 +37,26 @@ void thr_debug_message(const char *format, ...);
             thr_report_internal_error(#condition, __FILE__, __LINE__);                             \
     } while (0)
 
+#define THR_CHECK_WIN32(action, call)                                                              \
+    do {                                                                                           \
+        if (!(call))                                                                               \
+            thr_report_win32_failure(action, #call, __FILE__, __LINE__, 0);                        \
+    } while (0)
+
 #define THR_CHECK_WIN32_AS(action, call, text)                                                     \
     do {                                                                                           \
         if (!(call))                                                                               \
             thr_report_win32_failure(action, text, __FILE__, __LINE__, 0);                         \
     } while (0)
 
-#define THR_CHECK_WIN32(action, call)                                                              \
+#define THR_WARN_WIN32(action, call)                                                               \
     do {                                                                                           \
         if (!(call))                                                                               \
-            thr_report_win32_failure(action, #call, __FILE__, __LINE__, 0);                        \
+            thr_report_win32_failure(action, #call, __FILE__, __LINE__, 1);                        \
     } while (0)
+
+// For a call that gives a handle or null; the value is the handle.
+#define THR_CHECK_HANDLE(action, call)                                                             \
+    thr_check_win32_handle(call, action, #call, __FILE__, __LINE__, 0)
 
 #endif

@@ -1,11 +1,201 @@
+#include "thr/thr_thread.h"
+
 #include "thr/thr.h"
 #include "thr/thr_report.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
 
 #include <process.h>
 
 #include <windows.h>
 
-// --- thread variables -------------------------------------------------------------------------
+// --- lifecycle ----------------------------------------------------------------------------------
+
+// Two have to be done with a record before it is released: the thread, when its function has
+// finished, and the owner of the id. The two flags, under the mutex, tell the second that it is so.
+struct THR_THREAD_RECORD {
+    THR_THREAD_FUNC m_thread_func;
+    void *m_thread_arg;
+    void *m_exit_value;
+    THR_MUTEX m_mutex;
+    std::atomic<int> m_is_finished; // also read alone, without the mutex
+    std::atomic<int> m_is_detached;
+    HANDLE m_thread_handle; // null when the thread could not be started
+};
+
+THR_THREAD_ID THR_THREAD_MAIN_ID = nullptr;
+
+namespace
+{
+
+void *thr_thread_call_func(THR_THREAD_FUNC func, void *arg)
+{
+    return func(arg);
+}
+
+struct ThreadState {
+    THR_THREAD_VAR m_self_var; // TLS_OUT_OF_INDEXES: not set up
+    THR_THREAD_WRAPPER m_chain_head;
+    THR_THREAD_WRAPPER *m_chain_tail;
+};
+
+ThreadState state = {TLS_OUT_OF_INDEXES, thr_thread_call_func, &state.m_chain_head};
+
+// Null when there is no memory.
+THR_THREAD_ID new_record()
+{
+    void *block = malloc(sizeof(THR_THREAD_RECORD));
+    return block ? new (block) THR_THREAD_RECORD() : nullptr;
+}
+
+void release(THR_THREAD_ID record)
+{
+    thr_mutex_destroy(record->m_mutex);
+    SecureZeroMemory(record, sizeof *record);
+    free(record);
+}
+
+// The thread's side: its function is done.
+void finish(THR_THREAD_ID info)
+{
+    thr_mutex_lock(info->m_mutex);
+    int is_detached = info->m_is_detached;
+    info->m_is_finished = 1;
+    thr_mutex_unlock(info->m_mutex);
+    if (is_detached)
+        release(info);
+}
+
+// The owner's side, with the record's mutex locked: nobody uses the id any more. A thread that was
+// never started will not finish.
+void give_up_locked(THR_THREAD_ID thread_id)
+{
+    bool is_done = thread_id->m_is_finished || !thread_id->m_thread_handle;
+    thread_id->m_is_detached = 1;
+    thr_mutex_unlock(thread_id->m_mutex);
+    if (is_done)
+        release(thread_id);
+}
+
+void give_up(THR_THREAD_ID thread_id)
+{
+    thr_mutex_lock(thread_id->m_mutex);
+    give_up_locked(thread_id);
+}
+
+DWORD WINAPI thr_thread_begin(void *argument)
+{
+    THR_THREAD_ID info = static_cast<THR_THREAD_ID>(argument);
+    THR_CHECK(info != 0);
+    thr_thread_var_set(&state.m_self_var, info);
+    info->m_exit_value = state.m_chain_head(info->m_thread_func, info->m_thread_arg);
+    finish(info);
+    return 0;
+}
+
+} // namespace
+
+THR_THREAD_ID thr_thread_create(THR_THREAD_FUNC func, void *arg, uint32_t stack_size)
+{
+    THR_THREAD_ID info = new_record();
+    THR_CHECK_AS(info, "info");
+    info->m_thread_func = func;
+    info->m_thread_arg = arg;
+    info->m_mutex = thr_mutex_create();
+    info->m_thread_handle = THR_CHECK_HANDLE(
+        "create a thread", CreateThread(0, stack_size, thr_thread_begin, info, 0, 0));
+    return info;
+}
+
+void *thr_thread_wait(THR_THREAD_ID thread_id)
+{
+    THR_CHECK(thread_id);
+    DWORD waited = WaitForSingleObject(thread_id->m_thread_handle, INFINITE);
+    THR_CHECK_WIN32_AS("shut down a thread", waited == WAIT_OBJECT_0,
+                       "WaitForSingleObject(thread_id->m_thread_handle, INFINITE)==WAIT_OBJECT_0");
+    THR_CHECK_WIN32("shut down a thread", CloseHandle(thread_id->m_thread_handle));
+    void *exit_value = thread_id->m_exit_value;
+    if (waited == WAIT_OBJECT_0)
+        release(thread_id);
+    else
+        give_up(thread_id); // the thread may still run, and then needs its record
+    return exit_value;
+}
+
+void thr_thread_detach(THR_THREAD_ID thread_id)
+{
+    THR_CHECK(thread_id);
+    THR_CHECK_WIN32("detach a thread", CloseHandle(thread_id->m_thread_handle));
+    give_up(thread_id);
+}
+
+void thr_thread_terminate_and_possibly_crash(THR_THREAD_ID thread_id)
+{
+    THR_CHECK(thread_id);
+    THR_CHECK_WIN32("terminate a thread", TerminateThread(thread_id->m_thread_handle, 0));
+    THR_CHECK_WIN32("terminate a thread", CloseHandle(thread_id->m_thread_handle));
+    // A thread that was stopped in its last step holds the mutex for good; its record stays
+    // allocated, as that of any thread stopped before its end.
+    if (thr_mutex_try_lock(thread_id->m_mutex))
+        give_up_locked(thread_id);
+}
+
+void thr_thread_exit(void *exit_value)
+{
+    THR_THREAD_ID info = thr_thread_self();
+    THR_CHECK(info != 0);
+    info->m_exit_value = exit_value;
+    finish(info);
+    ExitThread(0);
+}
+
+int thr_thread_is_running(THR_THREAD_ID thread_id)
+{
+    return thread_id->m_is_finished == 0;
+}
+
+THR_THREAD_ID thr_thread_self()
+{
+    if (state.m_self_var == TLS_OUT_OF_INDEXES)
+        return nullptr;
+    return static_cast<THR_THREAD_ID>(thr_thread_var_get(&state.m_self_var));
+}
+
+void thr_thread_set_next_wrapper_func(THR_THREAD_WRAPPER wrapper_func,
+                                      THR_THREAD_WRAPPER *next_wrapper_func_ptr)
+{
+    THR_CHECK(*next_wrapper_func_ptr == 0);
+    *state.m_chain_tail = wrapper_func;
+    state.m_chain_tail = next_wrapper_func_ptr;
+    *next_wrapper_func_ptr = thr_thread_call_func;
+}
+
+void *thr_thread_wrapper(THR_THREAD_FUNC func, void *arg)
+{
+    return state.m_chain_head(func, arg);
+}
+
+void thr_thread_set_stack_size(uint32_t) {}
+
+void thr_thread_init_main()
+{
+    THR_THREAD_MAIN_ID = new_record();
+    THR_CHECK(THR_THREAD_MAIN_ID);
+    thr_thread_var_init(&state.m_self_var);
+    thr_thread_var_set(&state.m_self_var, THR_THREAD_MAIN_ID);
+}
+
+void thr_thread_fini_main()
+{
+    thr_thread_var_destroy(&state.m_self_var);
+    state.m_self_var = TLS_OUT_OF_INDEXES;
+    free(THR_THREAD_MAIN_ID);
+    THR_THREAD_MAIN_ID = nullptr;
+}
+
+// --- thread variables ---------------------------------------------------------------------------
 
 static_assert(sizeof(THR_THREAD_VAR) == sizeof(DWORD), "a thread variable is an OS slot index");
 

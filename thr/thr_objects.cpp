@@ -1,0 +1,126 @@
+#include "thr/thr.h"
+#include "thr/thr_classes.h"
+
+#include <cstdlib>
+
+// --- mutex --------------------------------------------------------------------------------------
+
+THR_SCOPED_MUTEX::THR_SCOPED_MUTEX(THR_MUTEX_OBJ &mutex_obj) : m_mutex_obj(&mutex_obj)
+{
+    thr_mutex_lock(m_mutex_obj->m_mutex);
+}
+
+THR_SCOPED_MUTEX::~THR_SCOPED_MUTEX()
+{
+    thr_mutex_unlock(m_mutex_obj->m_mutex);
+}
+
+// --- event --------------------------------------------------------------------------------------
+
+THR_EVENT_OBJ::THR_EVENT_OBJ() : m_event(thr_event_create()) {}
+
+THR_EVENT_OBJ::~THR_EVENT_OBJ()
+{
+    thr_event_destroy(m_event);
+}
+
+bool THR_EVENT_OBJ::is_posted()
+{
+    return thr_event_is_posted(m_event) != 0;
+}
+
+void THR_EVENT_OBJ::post()
+{
+    thr_event_post(m_event);
+}
+
+void THR_EVENT_OBJ::pulse()
+{
+    thr_event_pulse(m_event);
+}
+
+void THR_EVENT_OBJ::reset()
+{
+    thr_event_reset(m_event);
+}
+
+bool THR_EVENT_OBJ::wait(uint64_t timeout)
+{
+    return thr_event_wait(m_event, static_cast<uint32_t>(timeout)) != 0;
+}
+
+// --- read-write semaphore -----------------------------------------------------------------------
+
+THR_READ_WRITE_SEMAPHORE::THR_READ_WRITE_SEMAPHORE() : m_rw_sem(thr_rw_sem_create()) {}
+
+THR_READ_WRITE_SEMAPHORE::~THR_READ_WRITE_SEMAPHORE()
+{
+    thr_rw_sem_destroy(m_rw_sem);
+    free(m_rw_sem);
+    m_rw_sem = nullptr;
+}
+
+void THR_READ_WRITE_SEMAPHORE::read_lock()
+{
+    thr_rw_sem_read_lock(m_rw_sem);
+}
+
+void THR_READ_WRITE_SEMAPHORE::read_unlock()
+{
+    thr_rw_sem_read_unlock(m_rw_sem);
+}
+
+bool THR_READ_WRITE_SEMAPHORE::try_read_lock()
+{
+    return thr_rw_sem_read_try_lock(m_rw_sem) != 0;
+}
+
+void THR_READ_WRITE_SEMAPHORE::write_lock()
+{
+    thr_rw_sem_write_lock(m_rw_sem);
+}
+
+void THR_READ_WRITE_SEMAPHORE::write_unlock()
+{
+    thr_rw_sem_write_unlock(m_rw_sem);
+}
+
+bool THR_READ_WRITE_SEMAPHORE::try_write_lock()
+{
+    return thr_rw_sem_write_try_lock(m_rw_sem) != 0;
+}
+
+THR_SCOPED_READ_LOCK::THR_SCOPED_READ_LOCK(THR_READ_WRITE_SEMAPHORE &semaphore)
+    : m_semaphore(&semaphore)
+{
+    thr_rw_sem_read_lock(m_semaphore->m_rw_sem);
+}
+
+THR_SCOPED_READ_LOCK::~THR_SCOPED_READ_LOCK()
+{
+    thr_rw_sem_read_unlock(m_semaphore->m_rw_sem);
+}
+
+THR_SCOPED_WRITE_LOCK::THR_SCOPED_WRITE_LOCK(THR_READ_WRITE_SEMAPHORE &semaphore)
+    : m_semaphore(&semaphore)
+{
+    thr_rw_sem_write_lock(m_semaphore->m_rw_sem);
+}
+
+THR_SCOPED_WRITE_LOCK::~THR_SCOPED_WRITE_LOCK()
+{
+    thr_rw_sem_write_unlock(m_semaphore->m_rw_sem);
+}
+
+// --- overloads ----------------------------------------------------------------------------------
+
+void thr_process_exit(int exit_code)
+{
+    thr_process_exit(thr_process_status{0, exit_code});
+}
+
+int thr_process_terminate(uint64_t process, int exit_code)
+{
+    return thr_process_terminate(reinterpret_cast<void *>(process),
+                                 thr_process_status{0, exit_code});
+}
