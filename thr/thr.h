@@ -454,6 +454,116 @@ THR_API void thr_sys_func_delete_msg(char *message);
 
 /** @} */
 
+/** @defgroup environment Environment and handlers
+ *  Settings of the whole process. The environment functions take no lock.
+ *  @{ */
+
+/** A handler of the C++ runtime. */
+typedef void (*THR_HANDLER)(void);
+
+/** Sets an environment variable; getenv() and later children see it.
+ *  @param name  not null (internal error "name != 0")
+ *  @param value null or empty removes the variable
+ *  @return 0, or -1 when the runtime refuses; a failed allocation is the internal error "str" */
+THR_API int thr_setenv(const char *name, const char *value);
+
+/** Puts an entry in front of a list-valued variable such as PATH, with ";" between when the
+ *  variable is set, also when it is set to the empty text. Two calls on one variable at once may
+ *  lose an entry.
+ *  @param name  not null (internal error "name != 0")
+ *  @param value null: nothing is changed
+ *  @return 0, or -1 when `value` is null or the runtime refuses */
+THR_API int thr_prepend_env(const char *name, const char *value);
+
+/** Installs the C++ runtime's new handler; null removes it.
+ *  @return the one before; threads that replace it at once each get the one that they replaced */
+THR_API THR_HANDLER thr_set_new_handler(THR_HANDLER handler);
+
+/** Installs the C++ runtime's terminate handler; null brings the runtime's own back.
+ *  @return the one before; threads that replace it at once each get the one that they replaced */
+THR_API THR_HANDLER thr_set_terminate_handler(THR_HANDLER handler);
+
+/** @} */
+
+/** @defgroup loading Libraries
+ *  The suite's other libraries, by base name: "foo" is the file foo.dll. A library handle is the
+ *  platform's module handle; the platform counts loads and unloads.
+ *
+ *  The library is set up when the process attaches it: an executable that runs below a directory
+ *  named "velkora" (or "ostrevaline") gets that directory's "bin64" as the process's DLL directory.
+ *
+ *  The environment variable THR_DRL_DEBUG, read once when the library is loaded, traces failed
+ *  loads and lookups on standard output when its value begins with a digit from 2 or a letter.
+ *  @{ */
+
+/** Loads a library in place of LoadLibrary; returns its handle or null. */
+typedef void *(*THR_DRL_LOAD_FUNC)(const char *filename);
+/** Unloads a library in place of FreeLibrary. */
+typedef void (*THR_DRL_UNLOAD_FUNC)(void *library);
+/** Is told of every load made with LoadLibrary, also of a failed one (null handle). */
+typedef void (*THR_LOAD_SYMBOLS_FUNC)(void *library, const char *filename);
+
+/** @return 1 after the host has called thr_drl_init(), else 0 */
+THR_API int is_thr_loaded(void);
+
+/** Sets the flag that is_thr_loaded() returns; nothing else depends on it.
+ *  @return 0 */
+THR_API int thr_drl_init(void);
+
+/** Does nothing; the library shuts down by itself when it is detached. */
+THR_API void thr_drl_fini(void);
+
+/** Makes the file name of a library: its directory part, its base name, ".dll". A ".dll" that the
+ *  name ends with is not doubled; slashes stay as they are.
+ *  @param destination    untouched when the file name is longer than `maximum_length`
+ *  @param maximum_length in characters, without the terminator: the destination holds one more
+ *  @param name           not null */
+THR_API void thr_drl_construct_library_name(char *destination, size_t maximum_length,
+                                            const char *name);
+
+/** Loads a library, or raises the count of one that is loaded.
+ *  @param name base name, with or without directory; slashes count as backslashes
+ *  @return its handle; null for a null name, and on failure, which thr_drl_get_error() describes */
+THR_API void *thr_drl_load(const char *name);
+
+/** Unloads a library. Null and the reserved handle value -3 are left alone. */
+THR_API void thr_drl_unload(void *library);
+
+/** @return 1 when the library is in the process, else 0 */
+THR_API int thr_drl_is_loaded(const char *name);
+
+/** @return 1 when the library's file is found: beside its directory part, or, without one, on the
+ *          platform's search path; else 0 */
+THR_API int thr_drl_is_loadable(const char *name);
+
+/** Finds a function.
+ *  @param library null: the executable
+ *  @param name    the exported name
+ *  @return its address; null for a null name, and on failure, which thr_drl_get_error() describes
+ */
+THR_API void *thr_drl_find_function(void *library, const char *name);
+
+/** Puts the host's functions in place of the platform's loader, for all loads and unloads from now
+ *  on; null brings the platform's back. The load-symbols function is not called for them. */
+THR_API void thr_drl_register_funcs(THR_DRL_LOAD_FUNC load, THR_DRL_UNLOAD_FUNC unload);
+
+/** Installs the load-symbols function; null removes it. */
+THR_API void thr_set_load_symbols_func(THR_LOAD_SYMBOLS_FUNC func);
+
+/** @return the account of the last failed load or lookup, "" before any. It belongs to the library
+ *          and lives until the next failure: read it right after the call that failed. */
+THR_API const char *thr_drl_get_error(void);
+
+/** @return the file or function name that the last failure was about, or "". As
+ *          thr_drl_get_error(). */
+THR_API const char *thr_drl_get_error_data(void);
+
+/** @return the system's words for the last failure, with their line break, or "". As
+ *          thr_drl_get_error(). */
+THR_API const char *thr_drl_get_system_error(void);
+
+/** @} */
+
 /** @defgroup interprocess Interprocess mode, mutex and semaphore
  *  Processes of one machine exclude each other through lock files: empty files that exist while
  *  their holder has them open. A holder that ends, however it ends, lets go of its locks.
@@ -514,6 +624,47 @@ THR_API int thr_ip_mutex_try_lock(THR_IP_MUTEX mutex);
 /** Undoes one lock; the last one lets the lock file go. Without a lock: internal error
  *  "mutex->m_ref_count > 0". */
 THR_API void thr_ip_mutex_unlock(THR_IP_MUTEX mutex);
+
+/** An interprocess read-write semaphore. One record may be used by one thread at a time; it counts
+ *  its locks. Use one record for a path in a process, and a directory of its own for each path:
+ *  semaphores that share a directory count each other's readers and writers. */
+typedef struct THR_IP_RW_SEM_RECORD *THR_IP_RW_SEM;
+
+/** Creates an interprocess read-write semaphore; touches no file. Its lock files' names are the
+ *  absolute path followed by ".cri.mtx.flock", ".wri.mtx.flock" and, with the process id in front,
+ *  ".rdr.flock" and ".wtr.flock".
+ *  @param filepath not null or empty (internal error "filepath && *filepath")
+ *  @return null when its directory can't be used; a failed allocation is an internal error */
+THR_API THR_IP_RW_SEM thr_ip_rw_sem_create(const char *filepath);
+
+/** Lets go of every hold of this record at once and releases the record.
+ *  In this and the following functions a null semaphore is the internal error "sem". */
+THR_API void thr_ip_rw_sem_destroy(THR_IP_RW_SEM sem);
+
+/** Takes the read lock, or raises the count of a record that reads already. Waits, without limit
+ * and without pause, while any process writes or waits to write. Internal errors: the record itself
+ *  writes ("sem->m_writers_ref_count == 0"); the reader file is refused. */
+THR_API void thr_ip_rw_sem_read_lock(THR_IP_RW_SEM sem);
+
+/** @return 1 when the read lock is held, 0 when any process (this record included) writes or waits
+ *          to write */
+THR_API int thr_ip_rw_sem_read_try_lock(THR_IP_RW_SEM sem);
+
+/** Undoes a read lock. Without one: internal error "sem->m_readers_ref_count > 0". */
+THR_API void thr_ip_rw_sem_read_unlock(THR_IP_RW_SEM sem);
+
+/** Takes the write lock, or raises the count of a record that writes already. From the moment it
+ *  asks, no process gets a new read lock; it waits, without limit, for the readers that are in and
+ *  for writers before it. Internal errors: the record itself reads
+ *  ("sem->m_readers_ref_count == 0"); the writer file is refused. */
+THR_API void thr_ip_rw_sem_write_lock(THR_IP_RW_SEM sem);
+
+/** @return 1 when the write lock is held, 0 when any process (this record included) reads, or
+ *          another one writes */
+THR_API int thr_ip_rw_sem_write_try_lock(THR_IP_RW_SEM sem);
+
+/** Undoes a write lock. Without one: internal error "sem->m_writers_ref_count > 0". */
+THR_API void thr_ip_rw_sem_write_unlock(THR_IP_RW_SEM sem);
 
 /** @} */
 

@@ -204,6 +204,112 @@ private:
     bool m_locked;
 };
 
+/** An interprocess read-write semaphore (thr_ip_rw_sem_create()) with the lifetime of an object. */
+class THR_API THR_IP_READ_WRITE_SEMAPHORE
+{
+public:
+    /** @param path as for thr_ip_rw_sem_create()
+     *  @throws VELKORA_EXCEPTION with THR::ERRC::FAILED_TO_CREATE_IP_MUTEX_ERRC when its directory
+     *          can't be used */
+    explicit THR_IP_READ_WRITE_SEMAPHORE(const char *path);
+    THR_IP_READ_WRITE_SEMAPHORE(const THR_IP_READ_WRITE_SEMAPHORE &) = delete;
+    THR_IP_READ_WRITE_SEMAPHORE &operator=(const THR_IP_READ_WRITE_SEMAPHORE &) = delete;
+    /** Lets go of every hold of this object at once. */
+    ~THR_IP_READ_WRITE_SEMAPHORE();
+
+    void read_lock();      /**< thr_ip_rw_sem_read_lock() */
+    void read_unlock();    /**< thr_ip_rw_sem_read_unlock() */
+    bool try_read_lock();  /**< thr_ip_rw_sem_read_try_lock() */
+    void write_lock();     /**< thr_ip_rw_sem_write_lock() */
+    void write_unlock();   /**< thr_ip_rw_sem_write_unlock() */
+    bool try_write_lock(); /**< thr_ip_rw_sem_write_try_lock() */
+
+private:
+    THR_IP_RW_SEM m_ip_sem;
+};
+
+/** @} */
+
+/** @defgroup named_pipe Named pipes
+ *  @{ */
+
+/** One end of a Windows named pipe that carries messages one way between two processes.
+ *
+ *  The server makes the pipe and waits for the client: create(), connect(), write(), remove(); the
+ *  client, an object with the same name, does open(), read(), close(). For the other direction the
+ *  server does create_r(), connect_r(), read() and the client open_w(), write().
+ *
+ *  Refused calls are not reported: they show in the result, and their OS error code in
+ *  get_error(). Use an object for one end of one pipe. */
+class THR_API THR_NAMED_PIPE
+{
+public:
+    /** @param name the pipe's name without "\\.\pipe\", not null (internal error "name != 0").
+     *              Empty: create() makes a free name up, which get_name() then tells. */
+    explicit THR_NAMED_PIPE(const char *name = "");
+    THR_NAMED_PIPE(const THR_NAMED_PIPE &) = delete;
+    THR_NAMED_PIPE &operator=(const THR_NAMED_PIPE &) = delete;
+    /** Removes a pipe that this object created. A client closes its end itself: close(). */
+    ~THR_NAMED_PIPE();
+
+    /** Server: makes a pipe to write to; its calls block. */
+    bool create();
+    /** Server: makes a pipe to read from; its calls never block. An object without a name makes the
+     *  pipe of create() instead. */
+    bool create_r();
+    /** Server: waits for a client; on a pipe of create_r() asks whether one has come.
+     *  @return whether a client is there */
+    bool connect();
+    /** The same as connect(). */
+    bool connect_r();
+    /** Client: opens the pipe for reading; waits while it is busy, 20 seconds at a time as long as
+     *  the system says that an end came free. */
+    bool open();
+    /** Client: opens the pipe for writing; waits as open() does. */
+    bool open_w();
+    /** Takes a message, or the next part of one that is longer than the buffer; get_error() is then
+     *  234.
+     *  @param size of the buffer in bytes, of which the low 32 bits count
+     *  @return the bytes read, or -1 */
+    int read(void *buffer, uint64_t size);
+    /** Writes a message.
+     *  @param size in bytes, of which the low 32 bits count
+     *  @return the bytes written, or -1 */
+    int write(const void *buffer, uint64_t size);
+    /** As read(), but leaves the message in the pipe. */
+    int peek(void *buffer, uint64_t size);
+    /** Client: closes its end. */
+    bool close();
+    /** Server: waits until the client has read everything, disconnects it and closes the pipe.
+     *  @return false when there is no client to disconnect; the pipe then stays */
+    bool remove();
+
+    /** @return the OS error code of the last refused call, 0 before any */
+    int get_error() const;
+    /** @return the name, owned by the object; null while an object without a name has made none up
+     */
+    char *get_name() const;
+
+private:
+    static const int THR_PIPE_BUFSIZE = 512;
+    static const int THR_MAX_SYNTH_PIPE = 255;
+    static const int THR_PIPE_TIMEOUT = 20000; // milliseconds
+
+    bool create_server(const char *full_name, uint32_t open_mode, uint32_t pipe_mode);
+    bool create_synthesized();
+    bool open_client(uint32_t access);
+    void set_name(const char *name);
+    int partly_read(uint32_t count);
+    bool refused();
+
+    char *m_name;
+    bool m_created;
+    bool m_connected;
+    bool m_synthesize;
+    int32_t m_error;
+    void *m_handle;
+};
+
 /** @} */
 
 #endif

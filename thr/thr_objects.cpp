@@ -1,7 +1,16 @@
+#include "thr/thr_objects.h"
+
 #include "thr/thr.h"
 #include "thr/thr_classes.h"
+#include "thr/thr_owner.h"
+#include "thr/thr_report.h"
 
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <new>
+#include <string>
 
 // --- mutex --------------------------------------------------------------------------------------
 
@@ -123,4 +132,67 @@ int thr_process_terminate(uint64_t process, int exit_code)
 {
     return thr_process_terminate(reinterpret_cast<void *>(process),
                                  thr_process_status{0, exit_code});
+}
+
+// --- environment --------------------------------------------------------------------------------
+
+int thr_setenv(const char *name, const char *value)
+{
+    THR_CHECK(name != 0);
+    if (!value)
+        value = "";
+    size_t size = strlen(name) + 1 + strlen(value) + 1;
+    THR_HEAP_TEXT str(static_cast<char *>(malloc(size)));
+    THR_CHECK(str);
+    snprintf(str.get(), size, "%s=%s", name, value);
+    return _putenv(str.get());
+}
+
+int thr_prepend_env(const char *name, const char *value)
+{
+    THR_CHECK(name != 0);
+    if (!value)
+        return -1;
+    std::string list = value;
+    if (const char *current = getenv(name)) {
+        list += ';';
+        list += current;
+    }
+    return thr_setenv(name, list.c_str());
+}
+
+// --- handlers -----------------------------------------------------------------------------------
+
+namespace
+{
+
+THR_MUTEX handler_mutex;
+
+} // namespace
+
+void thr_handlers_init()
+{
+    handler_mutex = thr_mutex_create();
+}
+
+void thr_handlers_fini()
+{
+    thr_mutex_destroy(handler_mutex);
+    handler_mutex = nullptr;
+}
+
+THR_HANDLER thr_set_new_handler(THR_HANDLER handler)
+{
+    thr_mutex_lock(handler_mutex);
+    THR_HANDLER previous = std::set_new_handler(handler);
+    thr_mutex_unlock(handler_mutex);
+    return previous;
+}
+
+THR_HANDLER thr_set_terminate_handler(THR_HANDLER handler)
+{
+    thr_mutex_lock(handler_mutex);
+    THR_HANDLER previous = std::set_terminate(handler);
+    thr_mutex_unlock(handler_mutex);
+    return previous;
 }

@@ -1,0 +1,50 @@
+#include "thr/thr_dll_directory.h"
+
+#include "thr/thr_report.h"
+
+#include <string>
+
+#include <windows.h>
+
+namespace
+{
+
+// The names by which an install directory is known: the suite's own, and that of a sibling tool
+// that stands alone. The first one decides wherever it occurs.
+const char *const MARKERS[] = {"\\velkora\\", "\\ostrevaline\\"};
+
+// The install directory that `directory` lies in; empty when it lies in none.
+std::string install_directory(const std::string &directory)
+{
+    for (const std::string marker : MARKERS) {
+        size_t position = directory.rfind(marker);
+        if (position != std::string::npos)
+            return directory.substr(0, position + marker.size() - 1);
+    }
+    return {};
+}
+
+} // namespace
+
+void thr_drl_set_dll_directory()
+{
+    char path[261] = {};
+    if (GetModuleFileNameA(GetModuleHandleA(nullptr), path, 260) == 0) {
+        thr_debug_message("THR Warning: Cannot determine directory for current executable!\n");
+        return;
+    }
+    std::string directory = path;
+    directory = directory.substr(0, directory.rfind('\\')); // npos keeps it whole
+    thr_debug_message("Using module path %s\n", directory.c_str());
+    std::string install = install_directory(directory);
+    if (install.empty()) {
+        thr_debug_message("THR Warning: Cannot determine Velkora directory from executable "
+                          "directory %s. DLL loading may not be correct\n",
+                          directory.c_str());
+        return;
+    }
+    std::string dll_directory = install + "\\bin64";
+    thr_debug_message("Adding %s as the DLL search path\n", dll_directory.c_str());
+    SetDllDirectoryA(nullptr);
+    SetDllDirectoryA(dll_directory.c_str());
+}
