@@ -15,5 +15,6 @@ set(thr_libstdcxx ${thr_gcc_dir}/include/c++)
 set(CMAKE_CXX_FLAGS_INIT "-nostdinc++ -isystem ${thr_libstdcxx} \
 -isystem ${thr_libstdcxx}/x86_64-w64-mingw32 -isystem ${thr_libstdcxx}/backward")
 foreach(kind EXE SHARED MODULE)
-  set(CMAKE_${kind}_LINKER_FLAGS_INIT "-fuse-ld=lld -L${thr_gcc_dir}")
+  set(CMAKE_${kind}_LINKER_FLAGS_INIT "-fuse-ld=lld -L${thr_gcc_dir} \
+-Wno-unused-command-line-argument")
 endforeach()
