@@ -38,7 +38,8 @@ extern "C" {
  *  How a host learns of refused calls, broken preconditions and traces.
  *  @{ */
 
-/** Receives reports. It may be called from any thread, and several times at once.
+/** Receives reports. It may be called from any thread, and several times at once; it must not throw
+ *  or jump out.
  *  @param message    the report: for an internal error the broken condition alone, for an OS
  *                    failure the whole text; valid only during the call
  *  @param sub_system always "THR"
@@ -109,7 +110,7 @@ THR_API THR_THREAD_ID thr_thread_create(THR_THREAD_FUNC func, void *arg, uint32_
 /** Waits, without limit, for a thread to end, and releases its id. Refused calls are the OS failure
  *  "shut down a thread".
  *  @return its exit value: what its function returned or it gave to thr_thread_exit(); null for a
- *          thread that never ran */
+ *          thread that never ran, and after a refused wait for one that has not finished */
 THR_API void *thr_thread_wait(THR_THREAD_ID thread_id);
 
 /** Gives the id up; the thread goes on and its record is released when both have happened. A
@@ -121,7 +122,8 @@ THR_API void thr_thread_detach(THR_THREAD_ID thread_id);
  *  finished before. Refused calls are the OS failure "terminate a thread". */
 THR_API void thr_thread_terminate_and_possibly_crash(THR_THREAD_ID thread_id);
 
-/** Ends the calling thread, which must be one of thr_thread_create(), with an exit value. Its
+/** Ends the calling thread, which must be one of thr_thread_create() (on any other: an internal
+ *  error), with an exit value. Its
  *  wrappers do not complete, and C++ objects on its stack are not destroyed. */
 THR_NORETURN THR_API void thr_thread_exit(void *exit_value);
 
@@ -177,7 +179,7 @@ THR_API int thr_thread_var_set(const THR_THREAD_VAR *var, void *value);
 THR_API void thr_sleep(uint32_t seconds);
 
 /** Sleeps.
- *  @param milliseconds 0 gives up the rest of the time slice */
+ *  @param milliseconds 0 gives up the rest of the time slice; 4294967295 never returns */
 THR_API void thr_msleep(uint32_t milliseconds);
 
 /** @return milliseconds since the system started; wraps to 0 after about 49.7 days */
@@ -190,7 +192,8 @@ THR_API uintptr_t thr_get_cpu_affinity_mask(void);
 /** Restricts the calling thread to the given processors.
  *  @param affinity_mask a bit for each logical processor; bits of processors that the process may
  *                       not use are dropped. If none is left: internal error "affinity_mask != 0".
- *  A refused call is the OS failure "set the thread's CPU affinity mask". */
+ *  A refused call is the OS failure "set the thread's CPU affinity mask"; the process's mask is
+ * asked for first, as thr_get_cpu_affinity_mask() does. */
 THR_API void thr_set_thread_affinity_mask(uintptr_t affinity_mask);
 
 /** Names the calling thread for an attached debugger; without one it does nothing.
@@ -260,7 +263,7 @@ THR_API void thr_event_reset(THR_EVENT event);
 THR_API int thr_event_is_posted(THR_EVENT event);
 
 /** Waits until the event is posted or the time is over. OS failure "wait for an event".
- *  @param timeout in milliseconds; 0 means no limit
+ *  @param timeout in milliseconds; 0 and 4294967295 mean no limit
  *  @return always 1: ask thr_event_is_posted() which it was */
 THR_API int thr_event_wait(THR_EVENT event, uint32_t timeout);
 
@@ -284,7 +287,8 @@ typedef struct THR_RW_SEM_RECORD *THR_RW_SEM;
 THR_API THR_RW_SEM thr_rw_sem_create(void);
 
 /** Releases what the semaphore is made of, but not its record: the caller then gives that to
- *  free(). No thread may hold the semaphore or wait for it. */
+ *  free() of the runtime that the library uses (msvcrt). No thread may hold the semaphore or wait
+ *  for it. */
 THR_API void thr_rw_sem_destroy(THR_RW_SEM sem);
 
 /** Takes the read lock; waits, without limit, while a writer holds or waits. */
@@ -321,30 +325,32 @@ typedef struct thr_process_status {
 } thr_process_status;
 
 /** Starts a child process: suspended, with the requested pipes, put into a job object of its own
- *  that is named by the child's process id in decimal, then resumed. The child's descendants stay
- *  in that job. Creations are serialised, so that no child inherits another one's pipe ends.
+ *  that is named by the child's process id in decimal, then resumed. What the child starts through
+ *  this library stays in that job. Creations are serialised, so that no child inherits another
+ *  one's pipe ends.
  *
  *  @param command   the whole command line, program first; quote arguments with blanks as the
  *                   child's runtime expects. Must be writable; unchanged on return.
  *  @param directory the child's working directory; null or empty: the caller's
  *  @param out_pipe  where to store the read end of the child's standard output; null: not
- * redirected
+ *  redirected
  *  @param err_pipe  the same for standard error; the same place as `out_pipe`: both streams go into
  *                   one pipe, whose read end is stored once
  *  @param in_pipe   where to store the write end of the child's standard input; null: not
- * redirected
+ *  redirected
  *  @param reserved  not used
  *  @param job       where to store the job object's handle, which the caller closes with
  *                   thr_process_close_handle(); null: the library keeps the job open for the life
- *                   of the calling process
+ *                   of the calling process. A caller that is itself in such a job keeps its
+ *                   children in its own: the child's job is then empty.
  *  @return the process handle, which thr_process_wait(), thr_process_terminate() or
- *          thr_process_close_handle() releases; null when the child could not be started, with the
- *          reason on the debug channel and one line on standard error. `job` is then not written,
- *          and pipe ends that were stored stay the caller's to close.
+ *          thr_process_close_handle() releases; null when the child could not be started or
+ * resumed, with the reason on the debug channel and one line on standard error. `job` is then not
+ * written, and pipe ends that were stored stay the caller's to close.
  *
  *  A pipe that can't be made leaves its stream alone and its place unwritten, so set the places to
  *  null before the call. The stored ends are not inheritable. Refused job limits are the OS
- * failures "query job info" and "modify job info"; with a report hook the creation goes on. A
+ *  failures "query job info" and "modify job info"; with a report hook the creation goes on. A
  * caller whose standard output is no console starts its children without a console window. */
 THR_API void *thr_process_create_and_save_job(char *command, const char *directory, void **out_pipe,
                                               void **err_pipe, void **in_pipe, void *reserved,
@@ -387,7 +393,7 @@ THR_API int thr_process_peek(void *pipe, int *has_data);
  *  @param options bit 0: do not wait
  *  @return the handle's value once the child has ended, and the handle is closed then; 0 while it
  *          runs; -1 for a null handle and on failure. A child that ended with exit code 259 can't
- * be told from a running one. */
+ *  be told from a running one. */
 THR_API intptr_t thr_process_wait(void *process, thr_process_status *status, int options);
 
 /** Ends a child at once, with `status.exit_code`.
@@ -569,9 +575,12 @@ THR_API const char *thr_drl_get_system_error(void);
  *  their holder has them open. A holder that ends, however it ends, lets go of its locks.
  *
  *  A path names the shared resource, usually a file to be guarded; the lock files lie beside it,
- *  so its directory must exist and be writable. Paths are read as UTF-8; keep to ASCII in the names
- *  of lock directories. Creating a mutex or semaphore enters that directory for a moment, so other
- *  threads should not use relative paths just then.
+ *  so its directory must exist and be writable, on a local volume, and not be the root of a drive
+ *  ("C:/db" means the current directory of that drive). Creating a mutex or semaphore enters that
+ *  directory for a moment, so other threads should not use relative paths or change the current
+ *  directory just then. A directory that exists but can't be entered, such as one on a server
+ *  share, is the internal error "len >= MAX_PATH". Paths are read as UTF-8 and made in the ANSI
+ * code page: keep to ASCII in the names of lock directories and of the current directory.
  *  @{ */
 
 /** Switches interprocess mode on. The mode is a flag for hosts; no function of this library behaves

@@ -166,7 +166,7 @@ public:
     explicit THR_IP_MUTEX_OBJ(const char *path);
     THR_IP_MUTEX_OBJ(const THR_IP_MUTEX_OBJ &) = delete;
     THR_IP_MUTEX_OBJ &operator=(const THR_IP_MUTEX_OBJ &) = delete;
-    /** Gives up every hold of this process at once. */
+    /** Gives up every hold of this object at once. */
     ~THR_IP_MUTEX_OBJ();
 
     bool lock();     /**< thr_ip_mutex_lock() */

@@ -1,8 +1,7 @@
 #include "thr/thr_dll_directory.h"
 
+#include "thr/thr_owner.h"
 #include "thr/thr_report.h"
-
-#include <string>
 
 #include <windows.h>
 
@@ -14,11 +13,11 @@ namespace
 const char *const MARKERS[] = {"\\velkora\\", "\\ostrevaline\\"};
 
 // The install directory that `directory` lies in; empty when it lies in none.
-std::string install_directory(const std::string &directory)
+THR_TEXT install_directory(const THR_TEXT &directory)
 {
-    for (const std::string marker : MARKERS) {
+    for (const THR_TEXT marker : MARKERS) {
         size_t position = directory.rfind(marker);
-        if (position != std::string::npos)
+        if (position != THR_TEXT::npos)
             return directory.substr(0, position + marker.size() - 1);
     }
     return {};
@@ -33,17 +32,17 @@ void thr_drl_set_dll_directory()
         thr_debug_message("THR Warning: Cannot determine directory for current executable!\n");
         return;
     }
-    std::string directory = path;
+    THR_TEXT directory = path;
     directory = directory.substr(0, directory.rfind('\\')); // npos keeps it whole
     thr_debug_message("Using module path %s\n", directory.c_str());
-    std::string install = install_directory(directory);
+    THR_TEXT install = install_directory(directory);
     if (install.empty()) {
         thr_debug_message("THR Warning: Cannot determine Velkora directory from executable "
                           "directory %s. DLL loading may not be correct\n",
                           directory.c_str());
         return;
     }
-    std::string dll_directory = install + "\\bin64";
+    THR_TEXT dll_directory = install + "\\bin64";
     thr_debug_message("Adding %s as the DLL search path\n", dll_directory.c_str());
     SetDllDirectoryA(nullptr);
     SetDllDirectoryA(dll_directory.c_str());

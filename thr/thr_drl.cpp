@@ -1,6 +1,7 @@
 #include "thr/thr_drl.h"
 
 #include "thr/thr.h"
+#include "thr/thr_lock.h"
 #include "thr/thr_osi_sys.h"
 #include "thr/thr_owner.h"
 #include "thr/thr_report.h"
@@ -19,14 +20,14 @@ struct DrlState {
     THR_DRL_LOAD_FUNC m_load;
     THR_DRL_UNLOAD_FUNC m_unload;
     THR_LOAD_SYMBOLS_FUNC m_load_symbols;
-    SRWLOCK m_error_lock; // failures on several threads replace the three texts one after another
+    THR_LOCK m_error_lock; // failures on several threads replace the three texts one after another
     char *m_error;
     char *m_error_data;
     char *m_system_error;
     char *m_debug_setting;
 };
 
-DrlState state = {0, nullptr, nullptr, nullptr, SRWLOCK_INIT, nullptr, nullptr, nullptr, nullptr};
+DrlState state;
 
 const char SUFFIX[] = ".dll";
 
@@ -147,11 +148,10 @@ bool is_debug_on()
 void fail(const char *prefix, const char *data)
 {
     DWORD code = GetLastError();
-    AcquireSRWLockExclusive(&state.m_error_lock);
+    THR_LOCK_GUARD guard(state.m_error_lock);
     thr_drl_set_error(prefix, data, code);
     if (is_debug_on())
         printf("THR_DRL: %s\n", text_or_empty(state.m_system_error));
-    ReleaseSRWLockExclusive(&state.m_error_lock);
 }
 
 // --- loading ------------------------------------------------------------------------------------

@@ -132,7 +132,8 @@ VELKORA_EXCEPTION::VELKORA_EXCEPTION(std::unique_ptr<VELKORA_ERRC> errc)
 }
 
 VELKORA_EXCEPTION::VELKORA_EXCEPTION(const VELKORA_EXCEPTION &other)
-    : PASS_THROUGH_CONSTRUCTOR(other), m_errc(not_null(other.get_errc().clone()))
+    : PASS_THROUGH_CONSTRUCTOR(other),
+      m_errc(not_null(other.m_errc ? other.m_errc->clone() : nullptr))
 {
 }
 

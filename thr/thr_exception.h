@@ -3,7 +3,7 @@
  * The exception that the library throws, the tree of error conditions that it carries, and the
  * message that a condition renders itself as. C++17.
  *
- * Only the constructor of THR_IP_READ_WRITE_SEMAPHORE throws. All of these are values without
+ * Only the constructor of THR_IP_READ_WRITE_SEMAPHORE throws it. All of these are values without
  * shared state; they may be copied and read on any thread.
  */
 #ifndef THR_THR_EXCEPTION_H

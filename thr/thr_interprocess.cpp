@@ -2,6 +2,7 @@
 
 #include "thr/thr.h"
 #include "thr/thr_classes.h"
+#include "thr/thr_lock.h"
 #include "thr/thr_osi_sys.h"
 #include "thr/thr_report.h"
 
@@ -12,23 +13,28 @@
 namespace
 {
 
-bool interprocess_mode = false;
+struct InterprocessState {
+    bool m_is_mode_on;
+    THR_LOCK m_directory_lock; // one thread at a time moves the current directory about
+};
+
+InterprocessState state;
 
 } // namespace
 
 void thr_enable_interprocess_mode()
 {
-    interprocess_mode = true;
+    state.m_is_mode_on = true;
 }
 
 void thr_disable_interprocess_mode()
 {
-    interprocess_mode = false;
+    state.m_is_mode_on = false;
 }
 
 bool thr_is_interprocess_mode()
 {
-    return interprocess_mode;
+    return state.m_is_mode_on;
 }
 
 const char *thr_get_interprocess_file_extension()
@@ -37,14 +43,14 @@ const char *thr_get_interprocess_file_extension()
 }
 
 THR_ENABLE_INTERPROCESS_FOR_UTST::THR_ENABLE_INTERPROCESS_FOR_UTST()
-    : m_was_enabled(interprocess_mode)
+    : m_was_enabled(state.m_is_mode_on)
 {
-    interprocess_mode = true;
+    state.m_is_mode_on = true;
 }
 
 THR_ENABLE_INTERPROCESS_FOR_UTST::~THR_ENABLE_INTERPROCESS_FOR_UTST()
 {
-    interprocess_mode = m_was_enabled;
+    state.m_is_mode_on = m_was_enabled;
 }
 
 THR_ENABLE_INTERPROCESS_FOR_UTST &
@@ -72,13 +78,13 @@ const size_t CWD_SIZE = 1024;
 const size_t DIRECTORY_SIZE = 1040;
 
 // Undoes thr_osi_long_path for a directory that is too long to be entered.
-char *thr_osi_long_path_to_narrow(const std::wstring &path, char (&buffer)[DIRECTORY_SIZE])
+char *thr_osi_long_path_to_narrow(const THR_WIDE_TEXT &path, char (&buffer)[DIRECTORY_SIZE])
 {
     size_t prefix = thr_osi_skip_to_drive(path);
     size_t len = path.size() - prefix;
     THR_CHECK(len >= MAX_PATH);
-    int converted = WideCharToMultiByte(CP_ACP, WC_COMPOSITECHECK, path.c_str() + prefix,
-                                        static_cast<int>(len), buffer, 1024, nullptr, nullptr);
+    int converted =
+        thr_osi_wide_to_ansi(WC_COMPOSITECHECK, path.c_str() + prefix, len, buffer, 1024);
     THR_CHECK_AS(converted != 0, "unc to char conversion failed");
     buffer[converted] = '\0';
     return buffer;
@@ -147,6 +153,7 @@ THR_HEAP_TEXT thr_ip_lock_file_path(const char *file)
     bool is_usable = thr_ip_split_path(file, &directory_part, &has_directory, &filename_part);
     THR_HEAP_TEXT directory(directory_part);
     THR_HEAP_TEXT filename(filename_part);
+    THR_LOCK_GUARD guard(state.m_directory_lock);
     char saved[CWD_SIZE];
     if (!is_usable || !thr_osi_getcwd(saved, sizeof saved))
         return nullptr;
@@ -164,7 +171,7 @@ HANDLE thr_ip_lock_file_create(const char *path, int *error)
 {
     if (error)
         *error = 0;
-    std::wstring long_path = thr_osi_long_path(path);
+    THR_WIDE_TEXT long_path = thr_osi_long_path(path);
     // Clears away a file that nobody holds; one that is held can't be deleted.
     DeleteFileW(long_path.c_str());
     // Never inheritable: a child would go on holding the lock after its owner.

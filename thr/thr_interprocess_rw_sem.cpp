@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <cwchar>
 
 // A process that reads holds its reader file; one that writes, or waits to write, holds its writer
 // file. Looking for the files of others and taking one's own is one step under the atomic lock; the
@@ -46,8 +47,8 @@ bool ends_with(const char *text, const char *suffix)
 bool is_held_entry(const char *directory, const wchar_t *entry, const char *own, const char *suffix)
 {
     char name[261];
-    if (WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, entry, -1, name, sizeof name, nullptr,
-                            nullptr) == 0)
+    if (thr_osi_wide_to_ansi(WC_NO_BEST_FIT_CHARS, entry, wcslen(entry) + 1, name, sizeof name) ==
+        0)
         return false;
     THR_HEAP_TEXT candidate(thr_ip_join_path(directory, name));
     if (strcmp(candidate.get(), own) == 0)

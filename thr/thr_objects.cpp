@@ -10,7 +10,6 @@
 #include <cstring>
 #include <exception>
 #include <new>
-#include <string>
 
 // --- mutex --------------------------------------------------------------------------------------
 
@@ -153,7 +152,7 @@ int thr_prepend_env(const char *name, const char *value)
     THR_CHECK(name != 0);
     if (!value)
         return -1;
-    std::string list = value;
+    THR_TEXT list = value;
     if (const char *current = getenv(name)) {
         list += ';';
         list += current;

@@ -1,6 +1,5 @@
 #include "thr/thr_osi_sys.h"
 
-#include "thr/thr_owner.h"
 #include "thr/thr_report.h"
 
 #include <atomic>
@@ -32,24 +31,24 @@
 namespace
 {
 
-std::wstring utf8_to_wide(const char *text)
+THR_WIDE_TEXT utf8_to_wide(const char *text)
 {
     int required_unicode_path_size = MultiByteToWideChar(CP_UTF8, 0, text, -1, nullptr, 0);
     THR_ASSERT(required_unicode_path_size != 0);
-    std::wstring wide(required_unicode_path_size, L'\0');
+    THR_WIDE_TEXT wide(required_unicode_path_size, L'\0');
     int actual_unicode_path_size =
         MultiByteToWideChar(CP_UTF8, 0, text, -1, wide.data(), required_unicode_path_size);
     THR_ASSERT(actual_unicode_path_size != 0);
     return wide;
 }
 
-// The current directory can grow between the two calls; the second then writes nothing, and an
-// empty path, which every call refuses, comes back.
-std::wstring full_path(const std::wstring &path)
+// The current directory can grow between the two calls; the second then writes nothing, and what
+// comes of it is a path that every call refuses.
+THR_WIDE_TEXT full_path(const THR_WIDE_TEXT &path)
 {
     DWORD required_unc_path_size = GetFullPathNameW(path.c_str(), 0, nullptr, nullptr);
     THR_ASSERT(required_unc_path_size != 0);
-    std::wstring full(required_unc_path_size + 1, L'\0');
+    THR_WIDE_TEXT full(required_unc_path_size + 1, L'\0');
     DWORD actual_unc_path_size =
         GetFullPathNameW(path.c_str(), required_unc_path_size, full.data(), nullptr);
     THR_ASSERT(actual_unc_path_size != 0);
@@ -57,7 +56,7 @@ std::wstring full_path(const std::wstring &path)
     return full;
 }
 
-bool begins_with(const std::wstring &text, const wchar_t *prefix)
+bool begins_with(const THR_WIDE_TEXT &text, const wchar_t *prefix)
 {
     return text.compare(0, wcslen(prefix), prefix) == 0;
 }
@@ -69,11 +68,11 @@ bool is_separator(wchar_t character)
 
 } // namespace
 
-std::wstring thr_osi_long_path(const char *path)
+THR_WIDE_TEXT thr_osi_long_path(const char *path)
 {
     if (!path || !*path)
         return {};
-    std::wstring full = full_path(utf8_to_wide(path));
+    THR_WIDE_TEXT full = full_path(utf8_to_wide(path));
     if (_wcsnicmp(full.c_str(), L"\\\\?\\UNC\\", 8) == 0 || begins_with(full, L"\\\\?\\") ||
         begins_with(full, L"\\\\.\\"))
         return full;
@@ -82,7 +81,7 @@ std::wstring thr_osi_long_path(const char *path)
     return full.insert(0, L"\\\\?\\");
 }
 
-size_t thr_osi_skip_to_drive(const std::wstring &text)
+size_t thr_osi_skip_to_drive(const THR_WIDE_TEXT &text)
 {
     size_t count = 0;
     while (count < text.size() && !iswalpha(text[count]))
@@ -90,13 +89,24 @@ size_t thr_osi_skip_to_drive(const std::wstring &text)
     return count;
 }
 
-std::wstring thr_osi_strip_trailing_separator(std::wstring &&path)
+THR_WIDE_TEXT thr_osi_strip_trailing_separator(THR_WIDE_TEXT &&path)
 {
-    std::wstring stripped = std::move(path);
+    THR_WIDE_TEXT stripped = std::move(path);
     path.clear();
     if (!stripped.empty() && is_separator(stripped.back()))
         stripped.pop_back();
     return stripped;
+}
+
+int thr_osi_wide_to_ansi(DWORD flags, const wchar_t *text, size_t length, char *buffer,
+                         int capacity)
+{
+    int units = static_cast<int>(length);
+    int bytes = WideCharToMultiByte(CP_ACP, flags, text, units, buffer, capacity, nullptr, nullptr);
+    // where UTF-8 is the ANSI code page, it takes no flags
+    if (bytes == 0 && GetLastError() == ERROR_INVALID_FLAGS)
+        bytes = WideCharToMultiByte(CP_ACP, 0, text, units, buffer, capacity, nullptr, nullptr);
+    return bytes;
 }
 
 // --- temporary names ----------------------------------------------------------------------------
@@ -141,18 +151,18 @@ uint64_t make_temp_name_seed()
            hash * COMPUTER_NAME_MULTIPLIER;
 }
 
-bool exists(const std::wstring &path)
+bool exists(const THR_WIDE_TEXT &path)
 {
     return GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
 }
 
 } // namespace
 
-std::wstring thr_osi_temp_name(const std::wstring &path)
+THR_WIDE_TEXT thr_osi_temp_name(const THR_WIDE_TEXT &path)
 {
     static const uint64_t seed = make_temp_name_seed();
-    std::wstring directory = path.substr(0, path.find_last_of(L"\\/") + 1);
-    std::wstring candidate;
+    THR_WIDE_TEXT directory = path.substr(0, path.find_last_of(L"\\/") + 1);
+    THR_WIDE_TEXT candidate;
     for (int attempt = 0; attempt < TEMP_NAME_ATTEMPTS; attempt++) {
         uint64_t thread = GetCurrentThreadId() * THREAD_MULTIPLIER;
         int32_t step = temp_names.m_step.fetch_add(2);
@@ -178,7 +188,7 @@ const int READ_PERMISSIONS = 0444;
 const DWORD NAMED_MUTEX_TIMEOUT = 600000; // milliseconds
 
 // Creates or opens the mutex that serialises opens of one path; none when refused.
-THR_HANDLE named_mutex(const std::wstring &path)
+THR_HANDLE named_mutex(const THR_WIDE_TEXT &path)
 {
     uint64_t hash = FNV_OFFSET_BASIS;
     for (wchar_t unit : path)
@@ -242,7 +252,7 @@ DWORD open_disposition(int flags)
 
 } // namespace
 
-int thr_osi_open(const std::wstring &path, int flags, int mode)
+int thr_osi_open(const THR_WIDE_TEXT &path, int flags, int mode)
 {
     THR_HANDLE mutex = named_mutex(path);
     SECURITY_ATTRIBUTES security = {sizeof security, nullptr, !(flags & _O_NOINHERIT)};
@@ -279,12 +289,12 @@ namespace
 const int RENAME_ATTEMPTS = 100000;
 
 // A file that can't be deleted at once can often be renamed, and deleted under the new name.
-int remove_renamed(const std::wstring &path)
+int remove_renamed(const THR_WIDE_TEXT &path)
 {
     for (int attempt = 0; attempt < RENAME_ATTEMPTS; attempt++) {
         if (!exists(path))
             return -1;
-        std::wstring temp = thr_osi_strip_trailing_separator(thr_osi_temp_name(path));
+        THR_WIDE_TEXT temp = thr_osi_strip_trailing_separator(thr_osi_temp_name(path));
         if (MoveFileW(path.c_str(), temp.c_str()))
             return DeleteFileW(temp.c_str()) ? 0 : -1;
     }
@@ -297,7 +307,7 @@ int thr_osi_stat(const char *path, struct _stat64i32 *record)
 {
     if (!path)
         return -1;
-    std::wstring long_path = thr_osi_long_path(path);
+    THR_WIDE_TEXT long_path = thr_osi_long_path(path);
     DWORD attributes = GetFileAttributesW(long_path.c_str());
     if (attributes == INVALID_FILE_ATTRIBUTES)
         return -1;
@@ -313,7 +323,7 @@ int thr_osi_stat(const char *path, struct _stat64i32 *record)
 
 int thr_osi_remove(const char *path)
 {
-    std::wstring long_path = thr_osi_strip_trailing_separator(thr_osi_long_path(path));
+    THR_WIDE_TEXT long_path = thr_osi_strip_trailing_separator(thr_osi_long_path(path));
     if (DeleteFileW(long_path.c_str()))
         return 0;
     DWORD attributes = GetFileAttributesW(long_path.c_str());
@@ -327,13 +337,13 @@ int thr_osi_remove(const char *path)
 
 int thr_osi_chdir(const char *path)
 {
-    std::wstring long_path = thr_osi_long_path(path);
+    THR_WIDE_TEXT long_path = thr_osi_long_path(path);
     if (long_path.empty())
         return -1;
     if (long_path.back() != L'\\')
         long_path += L'\\';
     // SetCurrentDirectory takes no long-path prefix.
-    std::wstring directory = long_path.substr(thr_osi_skip_to_drive(long_path));
+    THR_WIDE_TEXT directory = long_path.substr(thr_osi_skip_to_drive(long_path));
     if (directory.empty())
         return -1;
     return SetCurrentDirectoryW(directory.c_str()) ? 0 : -1;
@@ -353,13 +363,12 @@ char *thr_osi_getcwd(char *buffer, size_t size)
         THR_CHECK_AS(made, "buf");
         buffer = made.get();
     }
-    std::wstring directory(wide);
+    THR_WIDE_TEXT directory(wide);
     directory.erase(0, thr_osi_skip_to_drive(directory));
     if (directory.empty())
         return nullptr;
-    int converted = WideCharToMultiByte(CP_ACP, WC_COMPOSITECHECK, directory.c_str(),
-                                        static_cast<int>(directory.size()), buffer,
-                                        static_cast<int>(size), nullptr, nullptr);
+    int converted = thr_osi_wide_to_ansi(WC_COMPOSITECHECK, directory.c_str(), directory.size(),
+                                         buffer, static_cast<int>(size));
     if (converted <= 0 || static_cast<size_t>(converted) >= size)
         return nullptr;
     buffer[converted] = '\0';
@@ -369,6 +378,6 @@ char *thr_osi_getcwd(char *buffer, size_t size)
 
 bool thr_osi_path_exists(const char *path)
 {
-    std::wstring long_path = thr_osi_long_path(path);
+    THR_WIDE_TEXT long_path = thr_osi_long_path(path);
     return !long_path.empty() && exists(long_path);
 }

@@ -3,29 +3,36 @@
 #ifndef THR_THR_OSI_SYS_H
 #define THR_THR_OSI_SYS_H
 
+#include "thr/thr_owner.h"
+
 #include <cstddef>
-#include <string>
 
 #include <sys/stat.h>
 
 // The absolute path with "\\?\" or "\\?\UNC\" in front; a device path ("\\.\") as it is. Empty when
 // `path` is null or empty. A relative path is resolved against the current directory of this
 // moment; a trailing separator stays.
-std::wstring thr_osi_long_path(const char *path);
+THR_WIDE_TEXT thr_osi_long_path(const char *path);
 
 // How many characters come before the first letter: the length of a long path's prefix, or of the
 // whole text when it has no letter.
-size_t thr_osi_skip_to_drive(const std::wstring &text);
+size_t thr_osi_skip_to_drive(const THR_WIDE_TEXT &text);
 
 // Takes the text over and gives it back without its last character, if that is a separator.
-std::wstring thr_osi_strip_trailing_separator(std::wstring &&path);
+THR_WIDE_TEXT thr_osi_strip_trailing_separator(THR_WIDE_TEXT &&path);
+
+// Converts `length` characters to the ANSI code page, without a terminator; the result is the bytes
+// written, 0 when refused. The flags are those of WideCharToMultiByte, dropped where the code page
+// knows none.
+int thr_osi_wide_to_ansi(DWORD flags, const wchar_t *text, size_t length, char *buffer,
+                         int capacity);
 
 // A free name in the directory of `path`, or, after 1000 taken ones, a taken one.
-std::wstring thr_osi_temp_name(const std::wstring &path);
+THR_WIDE_TEXT thr_osi_temp_name(const THR_WIDE_TEXT &path);
 
 // Opens a file by the runtime's open flags; opens of one path are serialised across processes.
 // Returns a descriptor of the runtime or -1.
-int thr_osi_open(const std::wstring &path, int flags, int mode);
+int thr_osi_open(const THR_WIDE_TEXT &path, int flags, int mode);
 
 // The following return 0, or -1 when refused.
 int thr_osi_stat(const char *path, struct _stat64i32 *record);

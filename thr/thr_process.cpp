@@ -1,11 +1,11 @@
 #include "thr/thr.h"
+#include "thr/thr_lock.h"
 #include "thr/thr_owner.h"
 #include "thr/thr_report.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 
 #include <windows.h>
 
@@ -14,26 +14,11 @@
 namespace
 {
 
-// Serialises creations: between the making of a pipe and the closing of the child's end any other
-// child would inherit that end, and end-of-file would never arrive. Recursive, since a hook that is
-// called in a creation may start a process.
-class CreationLock
-{
-public:
-    CreationLock() { InitializeCriticalSection(&m_section); }
-    CreationLock(const CreationLock &) = delete;
-    CreationLock &operator=(const CreationLock &) = delete;
-    ~CreationLock() { DeleteCriticalSection(&m_section); }
-    void lock() { EnterCriticalSection(&m_section); }
-    void unlock() { LeaveCriticalSection(&m_section); }
-
-private:
-    CRITICAL_SECTION m_section;
-};
-
+// Creations are serialised: between the making of a pipe and the closing of the child's end any
+// other child would inherit that end, and end-of-file would never arrive.
 struct ProcessState {
     int m_inherit_handles;
-    CreationLock m_creation_lock;
+    THR_LOCK m_creation_lock;
 };
 
 ProcessState state;
@@ -52,6 +37,8 @@ struct Creation {
 THR_HANDLE duplicate(HANDLE handle, BOOL inheritable)
 {
     HANDLE copy = nullptr;
+    if (handle == INVALID_HANDLE_VALUE) // as a handle, this value means the process itself
+        return nullptr;
     if (!DuplicateHandle(GetCurrentProcess(), handle, GetCurrentProcess(), &copy, 0, inheritable,
                          DUPLICATE_SAME_ACCESS))
         return nullptr;
@@ -212,7 +199,7 @@ THR_HANDLE make_job(HANDLE process, bool is_in_job)
 void *thr_process_create_and_save_job(char *command, const char *directory, void **out_pipe,
                                       void **err_pipe, void **in_pipe, void *, void **job)
 {
-    std::lock_guard<CreationLock> guard(state.m_creation_lock);
+    THR_LOCK_GUARD guard(state.m_creation_lock);
     Creation creation;
     GetStartupInfoA(&creation.m_startup);
     creation.m_inherit = state.m_inherit_handles;

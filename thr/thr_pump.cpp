@@ -20,13 +20,16 @@ PumpState state;
 // post is lost.
 THR_EVENT exit_event(THR_EVENT *variable)
 {
-    void *volatile *slot = reinterpret_cast<void *volatile *>(variable);
-    if (!*slot) {
-        THR_EVENT made = thr_event_create();
-        if (InterlockedCompareExchangePointer(slot, made, nullptr))
-            thr_event_destroy(made);
-    }
-    return *variable;
+    THR_EVENT event = *const_cast<THR_EVENT volatile *>(variable);
+    if (event)
+        return event;
+    THR_EVENT made = thr_event_create();
+    void *first = InterlockedCompareExchangePointer(reinterpret_cast<void *volatile *>(variable),
+                                                    made, nullptr);
+    if (!first)
+        return made;
+    thr_event_destroy(made);
+    return static_cast<THR_EVENT>(first);
 }
 
 bool is_main_thread()

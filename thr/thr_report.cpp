@@ -16,9 +16,9 @@ const char OS_NAME[] = "Windows";
 const char ADVICE[] = "Ensure all service packs and patches from Microsoft are installed";
 
 struct ReportState {
-    THR_REPORT_FUNC report_func;
-    THR_DEBUG_FUNC debug_func;
-    int fake_debug;
+    THR_REPORT_FUNC m_report_func;
+    THR_DEBUG_FUNC m_debug_func;
+    int m_fake_debug;
 };
 
 ReportState state;
@@ -44,13 +44,13 @@ const char *system_message(DWORD code, char (&buffer)[MESSAGE_SIZE])
 
 void thr_set_report_func(THR_REPORT_FUNC func)
 {
-    state.report_func = func;
+    state.m_report_func = func;
 }
 
 void thr_set_debug_func(THR_DEBUG_FUNC func, int fake_debug)
 {
-    state.debug_func = func;
-    state.fake_debug = state.fake_debug || fake_debug;
+    state.m_debug_func = func;
+    state.m_fake_debug = state.m_fake_debug || fake_debug;
 }
 
 void thr_debug_break()
@@ -65,7 +65,7 @@ void thr_win32_output_debug_string(const char *text)
 
 void thr_report_internal_error(const char *message, const char *file, int line)
 {
-    if (THR_REPORT_FUNC report = state.report_func)
+    if (THR_REPORT_FUNC report = state.m_report_func)
         report(message, SUB_SYSTEM, file, line);
     else
         fprintf(stderr, "Internal Error: Sub-system: %s, File: %s, Line: %d\n%s\n", SUB_SYSTEM,
@@ -107,7 +107,7 @@ void thr_report_os_failure(const char *os_name, const char *advice, const char *
              api_text, os_code, os_message ? os_message : "no additional information available");
     if (is_warning) {
         thr_debug_message("%sWarning location: %s:%d\n", report, file, line);
-    } else if (THR_REPORT_FUNC hook = state.report_func) {
+    } else if (THR_REPORT_FUNC hook = state.m_report_func) {
         hook(report, SUB_SYSTEM, file, line);
     } else {
         fprintf(stderr, "%s\nLocation: %s:%d\n", report, file, line);
@@ -127,9 +127,9 @@ void thr_debug_message(const char *format, ...)
 {
     va_list args;
     va_start(args, format);
-    if (THR_DEBUG_FUNC debug = state.debug_func) {
+    if (THR_DEBUG_FUNC debug = state.m_debug_func) {
         debug(SUB_SYSTEM, format, args);
-    } else if (state.fake_debug) {
+    } else if (state.m_fake_debug) {
         fprintf(stdout, "Fake Debug: %s: ", SUB_SYSTEM);
         vfprintf(stdout, format, args);
         fprintf(stdout, "\n");

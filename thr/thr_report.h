@@ -1,5 +1,5 @@
-// The reporting frame: every refused call and every broken precondition of the library goes
-// through here. Nothing in it allocates.
+// The reporting frame: every report of a refused call or a broken precondition goes through here.
+// Nothing in it allocates.
 #ifndef THR_THR_REPORT_H
 #define THR_THR_REPORT_H
 

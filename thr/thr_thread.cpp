@@ -1,6 +1,7 @@
 #include "thr/thr_thread.h"
 
 #include "thr/thr.h"
+#include "thr/thr_lock.h"
 #include "thr/thr_report.h"
 
 #include <atomic>
@@ -116,11 +117,15 @@ void *thr_thread_wait(THR_THREAD_ID thread_id)
     THR_CHECK_WIN32_AS("shut down a thread", waited == WAIT_OBJECT_0,
                        "WaitForSingleObject(thread_id->m_thread_handle, INFINITE)==WAIT_OBJECT_0");
     THR_CHECK_WIN32("shut down a thread", CloseHandle(thread_id->m_thread_handle));
+    if (waited != WAIT_OBJECT_0) {
+        // The thread may still run, and then needs its record.
+        thr_mutex_lock(thread_id->m_mutex);
+        void *value = thread_id->m_is_finished ? thread_id->m_exit_value : nullptr;
+        give_up_locked(thread_id);
+        return value;
+    }
     void *exit_value = thread_id->m_exit_value;
-    if (waited == WAIT_OBJECT_0)
-        release(thread_id);
-    else
-        give_up(thread_id); // the thread may still run, and then needs its record
+    release(thread_id);
     return exit_value;
 }
 
@@ -134,12 +139,16 @@ void thr_thread_detach(THR_THREAD_ID thread_id)
 void thr_thread_terminate_and_possibly_crash(THR_THREAD_ID thread_id)
 {
     THR_CHECK(thread_id);
-    THR_CHECK_WIN32("terminate a thread", TerminateThread(thread_id->m_thread_handle, 0));
+    BOOL result = TerminateThread(thread_id->m_thread_handle, 0);
+    THR_CHECK_WIN32_AS("terminate a thread", result,
+                       "TerminateThread(thread_id->m_thread_handle, 0)");
     THR_CHECK_WIN32("terminate a thread", CloseHandle(thread_id->m_thread_handle));
-    // A thread that was stopped in its last step holds the mutex for good; its record stays
-    // allocated, as that of any thread stopped before its end.
-    if (thr_mutex_try_lock(thread_id->m_mutex))
+    if (!result)
+        give_up(thread_id);
+    else if (thr_mutex_try_lock(thread_id->m_mutex))
         give_up_locked(thread_id);
+    // else the thread was stopped in its last step and holds the mutex for good; its record stays
+    // allocated, as that of any thread stopped before its end
 }
 
 void thr_thread_exit(void *exit_value)
@@ -206,7 +215,8 @@ int thr_thread_var_init(THR_THREAD_VAR *var)
         return 0;
     DWORD code = GetLastError();
     if (code != 0)
-        thr_debug_message("thr_thread_var_init() failed with error code %d", code);
+        thr_debug_message("thr_thread_var_init() failed with error code %d",
+                          static_cast<int>(code));
     return static_cast<int>(code);
 }
 
@@ -275,16 +285,16 @@ struct THREADNAME_INFO {
 // One thread at a time raises the naming exception, so that the handler, which every thread's
 // exceptions reach, can tell that thread's from another's.
 struct RenameState {
-    SRWLOCK lock;
-    DWORD thread_id;
+    THR_LOCK m_lock;
+    std::atomic<DWORD> m_thread_id; // 0: none
 };
 
-RenameState rename_state = {SRWLOCK_INIT, 0};
+RenameState rename_state;
 
 LONG CALLBACK continue_after_naming(EXCEPTION_POINTERS *exception)
 {
     bool is_ours = exception->ExceptionRecord->ExceptionCode == THREAD_NAMING_EXCEPTION &&
-                   rename_state.thread_id == GetCurrentThreadId();
+                   rename_state.m_thread_id == GetCurrentThreadId();
     return is_ours ? EXCEPTION_CONTINUE_EXECUTION : EXCEPTION_CONTINUE_SEARCH;
 }
 
@@ -295,15 +305,14 @@ LONG CALLBACK continue_after_naming(EXCEPTION_POINTERS *exception)
 void thr_rename_thread(const char *name)
 {
     THREADNAME_INFO info = {0x1000, name, 0xFFFFFFFF, 0};
-    AcquireSRWLockExclusive(&rename_state.lock);
-    rename_state.thread_id = GetCurrentThreadId();
+    THR_LOCK_GUARD guard(rename_state.m_lock);
+    rename_state.m_thread_id = GetCurrentThreadId();
     if (void *handler = AddVectoredExceptionHandler(1, continue_after_naming)) {
         RaiseException(THREAD_NAMING_EXCEPTION, 0, sizeof info / sizeof(ULONG_PTR),
                        reinterpret_cast<const ULONG_PTR *>(&info));
         RemoveVectoredExceptionHandler(handler);
     }
-    rename_state.thread_id = 0;
-    ReleaseSRWLockExclusive(&rename_state.lock);
+    rename_state.m_thread_id = 0;
 }
 
 int thr_getpid()
