@@ -333,11 +333,11 @@ typedef struct thr_process_status {
  *                   child's runtime expects. Must be writable; unchanged on return.
  *  @param directory the child's working directory; null or empty: the caller's
  *  @param out_pipe  where to store the read end of the child's standard output; null: not
- *  redirected
+ *                   redirected
  *  @param err_pipe  the same for standard error; the same place as `out_pipe`: both streams go into
  *                   one pipe, whose read end is stored once
  *  @param in_pipe   where to store the write end of the child's standard input; null: not
- *  redirected
+ *                   redirected
  *  @param reserved  not used
  *  @param job       where to store the job object's handle, which the caller closes with
  *                   thr_process_close_handle(); null: the library keeps the job open for the life
@@ -345,13 +345,13 @@ typedef struct thr_process_status {
  *                   children in its own: the child's job is then empty.
  *  @return the process handle, which thr_process_wait(), thr_process_terminate() or
  *          thr_process_close_handle() releases; null when the child could not be started or
- * resumed, with the reason on the debug channel and one line on standard error. `job` is then not
- * written, and pipe ends that were stored stay the caller's to close.
+ *          resumed, with the reason on the debug channel and one line on standard error. `job` is
+ *          then not written, and pipe ends that were stored stay the caller's to close.
  *
  *  A pipe that can't be made leaves its stream alone and its place unwritten, so set the places to
  *  null before the call. The stored ends are not inheritable. Refused job limits are the OS
  *  failures "query job info" and "modify job info"; with a report hook the creation goes on. A
- * caller whose standard output is no console starts its children without a console window. */
+ *  caller whose standard output is no console starts its children without a console window. */
 THR_API void *thr_process_create_and_save_job(char *command, const char *directory, void **out_pipe,
                                               void **err_pipe, void **in_pipe, void *reserved,
                                               void **job);
