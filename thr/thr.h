@@ -193,7 +193,7 @@ THR_API uintptr_t thr_get_cpu_affinity_mask(void);
  *  @param affinity_mask a bit for each logical processor; bits of processors that the process may
  *                       not use are dropped. If none is left: internal error "affinity_mask != 0".
  *  A refused call is the OS failure "set the thread's CPU affinity mask"; the process's mask is
- * asked for first, as thr_get_cpu_affinity_mask() does. */
+ *  asked for first, as thr_get_cpu_affinity_mask() does. */
 THR_API void thr_set_thread_affinity_mask(uintptr_t affinity_mask);
 
 /** Names the calling thread for an attached debugger; without one it does nothing.
@@ -271,8 +271,8 @@ THR_API int thr_event_wait(THR_EVENT event, uint32_t timeout);
 
 /** @defgroup rw_sem Read-write semaphore
  *  Many readers or one writer, threads of one process, writers first: from the moment a writer
- * asks, no new reader gets in. A null semaphore is always available: locks and unlocks do nothing
- * and the try-locks return 1.
+ *  asks, no new reader gets in. A null semaphore is always available: locks and unlocks do nothing
+ *  and the try-locks return 1.
  *
  *  A write lock is undone by the thread that made it, and may be made again by that thread. A
  *  thread must not ask for the write lock while it reads, nor for the read lock while it writes,
@@ -580,7 +580,7 @@ THR_API const char *thr_drl_get_system_error(void);
  *  directory for a moment, so other threads should not use relative paths or change the current
  *  directory just then. A directory that exists but can't be entered, such as one on a server
  *  share, is the internal error "len >= MAX_PATH". Paths are read as UTF-8 and made in the ANSI
- * code page: keep to ASCII in the names of lock directories and of the current directory.
+ *  code page: keep to ASCII in the names of lock directories and of the current directory.
  *  @{ */
 
 /** Switches interprocess mode on. The mode is a flag for hosts; no function of this library behaves
@@ -651,7 +651,7 @@ THR_API THR_IP_RW_SEM thr_ip_rw_sem_create(const char *filepath);
 THR_API void thr_ip_rw_sem_destroy(THR_IP_RW_SEM sem);
 
 /** Takes the read lock, or raises the count of a record that reads already. Waits, without limit
- * and without pause, while any process writes or waits to write. Internal errors: the record itself
+ *  and without pause, while any process writes or waits to write. Internal errors: the record itself
  *  writes ("sem->m_writers_ref_count == 0"); the reader file is refused. */
 THR_API void thr_ip_rw_sem_read_lock(THR_IP_RW_SEM sem);
 
