@@ -1,0 +1,136 @@
+// The exception, its conditions and messages, as a host of thr.dll meets them.
+#include "support/recorders.h"
+
+#include "thr/thr_classes.h"
+
+#include <stdexcept>
+#include <tuple>
+#include <type_traits>
+
+#include <gtest/gtest.h>
+
+namespace
+{
+
+using Errc = THR::ERRC::FAILED_TO_CREATE_IP_MUTEX_ERRC;
+using Line = std::tuple<std::string, std::string, int, int>; // text, second text, id, level
+
+std::vector<Line> lines_of(const VELKORA_ERROR_MESSAGE &message)
+{
+    std::vector<Line> lines;
+    for (const VELKORA_ERROR_MESSAGE::LINE &line : message)
+        lines.emplace_back(line.m_text, line.m_aux_text, line.m_id, line.m_level);
+    return lines;
+}
+
+VELKORA_EXCEPTION failure(const std::string &file)
+{
+    return VELKORA_EXCEPTION(std::in_place_type<Errc>, file);
+}
+
+// A condition of the host's own that counts how many of it live, and can refuse to be copied.
+class Counted : public THR_ERRC
+{
+public:
+    explicit Counted(bool can_clone = true) : m_can_clone(can_clone) { s_alive++; }
+    Counted(const Counted &other) : THR_ERRC(other), m_can_clone(other.m_can_clone) { s_alive++; }
+    ~Counted() override { s_alive--; }
+    std::unique_ptr<VELKORA_ERRC> clone() const override
+    {
+        return m_can_clone ? std::make_unique<Counted>(*this) : nullptr;
+    }
+    VELKORA_ERROR_MESSAGE get_error_message() const override { return {"counted", 7, {}}; }
+
+    inline static int s_alive = 0;
+
+private:
+    bool m_can_clone;
+};
+
+TEST(Exception, ConditionSaysWhichFileFailed)
+{
+    for (std::string file : {"", "locks/db", "a \"b\" %s\n"}) {
+        const std::string text = "Failed to create file lock on \"" + file + "\"";
+        Errc errc(file);
+        EXPECT_EQ(lines_of(errc.get_error_message()), (std::vector<Line>{{text, "", -1, 0}}));
+        std::unique_ptr<VELKORA_ERRC> copy = errc.clone();
+        EXPECT_NE(dynamic_cast<Errc *>(copy.get()), nullptr);
+        EXPECT_EQ(lines_of(copy->get_error_message()), lines_of(errc.get_error_message()));
+    }
+}
+
+TEST(Exception, MessagesNestInTheOrderTheyAreGiven)
+{
+    VELKORA_ERROR_MESSAGE m3("M3", 3, {});
+    VELKORA_ERROR_MESSAGE m2("M2", 2, {m3});
+    VELKORA_ERROR_MESSAGE m4("M4", 4, {});
+    const std::vector<Line> nested = {
+        {"M1", "", 1, 0}, {"M2", "", 2, 1}, {"M3", "", 3, 2}, {"M4", "", 4, 1}};
+    VELKORA_ERROR_MESSAGE copy = m4;
+    {
+        VELKORA_ERROR_MESSAGE m1("M1", 1, {m2, m4});
+        EXPECT_EQ(m1[m1.size() - 1].m_text, "M4");
+        EXPECT_EQ(lines_of(m1), nested);
+        copy = m1;
+    }
+    EXPECT_EQ(lines_of(copy), nested);
+    EXPECT_EQ(lines_of(m2), (std::vector<Line>{{"M2", "", 2, 0}, {"M3", "", 3, 1}}));
+    copy = m4;
+    EXPECT_EQ(lines_of(copy), (std::vector<Line>{{"M4", "", 4, 0}}));
+}
+
+TEST(Exception, IsCaughtByItsOwnTypeAndBaseAlone)
+{
+    static_assert(!std::is_base_of_v<std::exception, VELKORA_EXCEPTION>);
+    static_assert(!std::is_polymorphic_v<VELKORA_EXCEPTION>);
+    std::string caught;
+    try {
+        throw failure("db");
+    } catch (const std::exception &) {
+        caught = "std::exception";
+    } catch (VELKORA_EXCEPTION e) { // by value, so it is copied
+        caught = e.get_errc().get_error_message()[0].m_text;
+    }
+    EXPECT_EQ(caught, "Failed to create file lock on \"db\"");
+    EXPECT_THROW(throw failure("db"), VELKORA_EXCEPTION_DETAIL::PASS_THROUGH_CONSTRUCTOR);
+}
+
+TEST(Exception, EveryCopyOwnsItsCondition)
+{
+    auto first = std::make_unique<VELKORA_EXCEPTION>(std::in_place_type<Counted>);
+    {
+        VELKORA_EXCEPTION copy = *first;
+        EXPECT_EQ(Counted::s_alive, 2);
+        first.reset();
+        EXPECT_EQ(Counted::s_alive, 1);
+        EXPECT_EQ(lines_of(copy.get_errc().get_error_message()),
+                  (std::vector<Line>{{"counted", "", 7, 0}}));
+        try {
+            throw copy;
+        } catch (VELKORA_EXCEPTION e) {
+            EXPECT_GE(Counted::s_alive, 2);
+        }
+        EXPECT_EQ(Counted::s_alive, 1);
+    }
+    EXPECT_EQ(Counted::s_alive, 0);
+}
+
+TEST(Exception, WithoutConditionEndsTheProcess)
+{
+    thr_set_report_func([](auto...) { fputs("reported", stderr); }); // never called
+    const auto ended = testing::ExitedWithCode(-1);
+    EXPECT_EXIT(VELKORA_EXCEPTION(std::unique_ptr<VELKORA_ERRC>()), ended, "^error\n$");
+    VELKORA_EXCEPTION unclonable(std::in_place_type<Counted>, false);
+    EXPECT_EXIT(VELKORA_EXCEPTION copy(unclonable), ended, "^error\n$");
+    // No interface empties an exception, so its only member is cleared by hand.
+    static_assert(sizeof(VELKORA_EXCEPTION) == sizeof(void *));
+    auto copy_of_empty = [] {
+        VELKORA_EXCEPTION empty = failure("db");
+        *reinterpret_cast<void **>(&empty) = nullptr;
+        VELKORA_EXCEPTION copy(empty);
+    };
+    EXPECT_EXIT(copy_of_empty(), ended, "^error\n$");
+    thr_set_report_func(nullptr);
+}
+
+} // namespace
