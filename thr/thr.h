@@ -495,8 +495,9 @@ THR_API THR_HANDLER thr_set_terminate_handler(THR_HANDLER handler);
  *  The suite's other libraries, by base name: "foo" is the file foo.dll. A library handle is the
  *  platform's module handle; the platform counts loads and unloads.
  *
- *  The library is set up when the process attaches it: an executable that runs below a directory
- *  named "velkora" (or "ostrevaline") gets that directory's "bin64" as the process's DLL directory.
+ *  The library is set up when the process attaches it: an executable that runs from a directory
+ *  below one named "velkora" (else "ostrevaline"; in lower case, the last on its path) gets that
+ *  directory's "bin64" as the process's DLL directory.
  *
  *  The environment variable THR_DRL_DEBUG, read once when the library is loaded, traces failed
  *  loads and lookups on standard output when its value begins with a digit from 2 or a letter.
@@ -538,8 +539,8 @@ THR_API void thr_drl_unload(void *library);
 /** @return 1 when the library is in the process, else 0 */
 THR_API int thr_drl_is_loaded(const char *name);
 
-/** @return 1 when the library's file is found: beside its directory part, or, without one, on the
- *          platform's search path; else 0 */
+/** @return 1 when the library's file is found: in its directory part, where any entry of that name
+ *          counts, or, without one, on the platform's search path; else 0 */
 THR_API int thr_drl_is_loadable(const char *name);
 
 /** Finds a function.
@@ -636,7 +637,8 @@ THR_API void thr_ip_mutex_unlock(THR_IP_MUTEX mutex);
 
 /** An interprocess read-write semaphore. One record may be used by one thread at a time; it counts
  *  its locks. Use one record for a path in a process, and a directory of its own for each path:
- *  semaphores that share a directory count each other's readers and writers. */
+ *  semaphores that share a directory count each other's readers and writers. The whole path must be
+ *  ASCII: a process that does not recognise its own lock files excludes nobody. */
 typedef struct THR_IP_RW_SEM_RECORD *THR_IP_RW_SEM;
 
 /** Creates an interprocess read-write semaphore; touches no file. Its lock files' names are the

@@ -249,7 +249,8 @@ public:
     explicit THR_NAMED_PIPE(const char *name = "");
     THR_NAMED_PIPE(const THR_NAMED_PIPE &) = delete;
     THR_NAMED_PIPE &operator=(const THR_NAMED_PIPE &) = delete;
-    /** Removes a pipe that this object created. A client closes its end itself: close(). */
+    /** Removes a pipe that this object created, which waits, without limit, until its client has read
+     *  everything or gone. A client closes its end itself: close(). */
     ~THR_NAMED_PIPE();
 
     /** Server: makes a pipe to write to; its calls block. */
@@ -263,12 +264,13 @@ public:
     /** The same as connect(). */
     bool connect_r();
     /** Client: opens the pipe for reading; waits while it is busy, 20 seconds at a time as long as
-     *  the system says that an end came free. */
+     *  the system says that an end came free. Any other refusal waits once, then fails. The client
+     *  reads bytes: messages that wait together come together. */
     bool open();
     /** Client: opens the pipe for writing; waits as open() does. */
     bool open_w();
-    /** Takes a message, or the next part of one that is longer than the buffer; get_error() is then
-     *  234.
+    /** Takes what waits, as far as the buffer goes. A server takes one message: the first part of one
+     *  that is longer than the buffer, with get_error() 234, and the rest with the next reads.
      *  @param size of the buffer in bytes, of which the low 32 bits count
      *  @return the bytes read, or -1 */
     int read(void *buffer, uint64_t size);
@@ -280,8 +282,10 @@ public:
     int peek(void *buffer, uint64_t size);
     /** Client: closes its end. */
     bool close();
-    /** Server: waits until the client has read everything, disconnects it and closes the pipe.
-     *  @return false when there is no client to disconnect; the pipe then stays */
+    /** Server: waits, without limit, until the client has read everything, disconnects it and closes
+     *  the pipe.
+     *  @return false when there is no client to disconnect; the pipe then stays. get_error() may tell
+     *          of a refused step also when the result is true. */
     bool remove();
 
     /** @return the OS error code of the last refused call, 0 before any */

@@ -107,10 +107,13 @@ THR_HEAP_TEXT thr_drl_file_name(const char *name)
 
 // --- the account of the last error --------------------------------------------------------------
 
+// The variable never names a freed text: the process may end this thread at any point, and the
+// shutdown then frees what it finds.
 void replace(char **text, THR_HEAP_TEXT replacement)
 {
-    free(*text);
+    char *old = *text;
     *text = replacement.release();
+    free(old);
 }
 
 // The system's words for an error code, unchanged; none when it has none.
@@ -158,11 +161,11 @@ void fail(const char *prefix, const char *data)
 
 void *thr_drl_load_file(const char *file_name)
 {
-    if (state.m_load)
-        return state.m_load(file_name);
+    if (THR_DRL_LOAD_FUNC load = state.m_load)
+        return load(file_name);
     HMODULE library = LoadLibraryA(file_name);
-    if (state.m_load_symbols)
-        state.m_load_symbols(library, file_name);
+    if (THR_LOAD_SYMBOLS_FUNC load_symbols = state.m_load_symbols)
+        load_symbols(library, file_name);
     return library;
 }
 
@@ -211,8 +214,8 @@ void thr_drl_unload(void *library)
 {
     if (!library || reinterpret_cast<intptr_t>(library) == -3)
         return;
-    if (state.m_unload)
-        state.m_unload(library);
+    if (THR_DRL_UNLOAD_FUNC unload = state.m_unload)
+        unload(library);
     else
         FreeLibrary(static_cast<HMODULE>(library));
 }
@@ -233,7 +236,7 @@ int thr_drl_is_loadable(const char *name)
     THR_HEAP_TEXT normal = thr_drl_normalize_name(name);
     THR_HEAP_TEXT directory = thr_drl_dir_part(normal.get());
     THR_HEAP_TEXT base = thr_drl_base_name(normal.get());
-    THR_HEAP_TEXT file_name = thr_drl_file_name(base.get());
+    THR_HEAP_TEXT file_name = join(base.get(), SUFFIX, "");
     if (!directory)
         return is_on_search_path(file_name.get());
     return thr_osi_path_exists(join(directory.get(), file_name.get(), "").get());

@@ -2,8 +2,8 @@
 // them.
 //
 // The server makes up a name for its pipe, starts this same program as the client and hands it the
-// name on the command line. A line with its line break is a message; one that is longer than the
-// client's buffer goes as several.
+// name on the command line. The client reads the pipe as a stream of bytes: what a read brings need
+// not begin or end where a line does.
 #include "thr/thr_classes.h"
 
 #include <cstdio>
@@ -51,11 +51,13 @@ int run_client(const char *name)
     bool is_line_start = true;
     int size;
     while ((size = pipe.read(message, sizeof message)) >= 0) {
-        if (is_line_start)
-            printf("%4d  ", ++number);
-        printf("%.*s", size, message);
+        for (int i = 0; i < size; i++) {
+            if (is_line_start)
+                printf("%4d  ", ++number);
+            putchar(message[i]);
+            is_line_start = message[i] == '\n';
+        }
         fflush(stdout);
-        is_line_start = size > 0 && message[size - 1] == '\n';
     }
     int code = pipe.get_error();
     pipe.close();
