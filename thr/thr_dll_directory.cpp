@@ -33,7 +33,9 @@ void thr_drl_set_dll_directory()
         return;
     }
     THR_TEXT directory = path;
-    directory = directory.substr(0, directory.rfind('\\')); // npos keeps it whole
+    size_t separator = directory.rfind('\\');
+    if (separator != THR_TEXT::npos)
+        directory.resize(separator);
     thr_debug_message("Using module path %s\n", directory.c_str());
     THR_TEXT install = install_directory(directory);
     if (install.empty()) {

@@ -80,7 +80,9 @@ THR_HEAP_TEXT thr_drl_normalize_name(const char *name)
 THR_HEAP_TEXT thr_drl_dir_part(const char *name)
 {
     const char *separator = strrchr(name, '\\');
-    return separator ? copy_of(name, separator + 1 - name) : nullptr;
+    if (!separator)
+        return nullptr;
+    return copy_of(name, separator + 1 - name);
 }
 
 // What follows the last backslash, without the suffix.
@@ -161,10 +163,12 @@ void fail(const char *prefix, const char *data)
 
 void *thr_drl_load_file(const char *file_name)
 {
-    if (THR_DRL_LOAD_FUNC load = state.m_load)
+    THR_DRL_LOAD_FUNC load = state.m_load;
+    if (load)
         return load(file_name);
     HMODULE library = LoadLibraryA(file_name);
-    if (THR_LOAD_SYMBOLS_FUNC load_symbols = state.m_load_symbols)
+    THR_LOAD_SYMBOLS_FUNC load_symbols = state.m_load_symbols;
+    if (load_symbols)
         load_symbols(library, file_name);
     return library;
 }
@@ -214,7 +218,8 @@ void thr_drl_unload(void *library)
 {
     if (!library || reinterpret_cast<intptr_t>(library) == -3)
         return;
-    if (THR_DRL_UNLOAD_FUNC unload = state.m_unload)
+    THR_DRL_UNLOAD_FUNC unload = state.m_unload;
+    if (unload)
         unload(library);
     else
         FreeLibrary(static_cast<HMODULE>(library));

@@ -36,7 +36,7 @@ VELKORA_ERROR_MESSAGE::VELKORA_ERROR_MESSAGE(const std::string &text, int32_t id
             all.m_lines.push_back(std::move(line));
         }
     }
-    new (m_lines) LINES(std::move(all));
+    new (m_lines) LINES(all);
 }
 
 VELKORA_ERROR_MESSAGE::VELKORA_ERROR_MESSAGE(const VELKORA_ERROR_MESSAGE &other)
@@ -46,7 +46,8 @@ VELKORA_ERROR_MESSAGE::VELKORA_ERROR_MESSAGE(const VELKORA_ERROR_MESSAGE &other)
 
 VELKORA_ERROR_MESSAGE &VELKORA_ERROR_MESSAGE::operator=(const VELKORA_ERROR_MESSAGE &other)
 {
-    lines() = other.lines();
+    if (this != &other)
+        lines() = other.lines();
     return *this;
 }
 

@@ -372,7 +372,7 @@ char *thr_osi_getcwd(char *buffer, size_t size)
     if (converted <= 0 || static_cast<size_t>(converted) >= size)
         return nullptr;
     buffer[converted] = '\0';
-    made.release();
+    static_cast<void>(made.release());
     return buffer;
 }
 

@@ -290,8 +290,9 @@ intptr_t thr_process_wait(void *process, thr_process_status *status, int options
         return outcome;
     if (status)
         status->status = status->exit_code = static_cast<int32_t>(exit_code);
+    intptr_t ended = reinterpret_cast<intptr_t>(process);
     CloseHandle(process);
-    return reinterpret_cast<intptr_t>(process);
+    return ended;
 }
 
 int thr_process_terminate(void *process, thr_process_status status)

@@ -54,7 +54,7 @@ THR_THREAD_ID new_record()
 void release(THR_THREAD_ID record)
 {
     thr_mutex_destroy(record->m_mutex);
-    SecureZeroMemory(record, sizeof *record);
+    SecureZeroMemory(static_cast<void *>(record), sizeof *record);
     free(record);
 }
 
