@@ -84,8 +84,7 @@ std::string read_to_end(void *pipe)
         if (byte != '\r')
             text += byte;
     }
-    ADD_FAILURE() << "the pipe does not end";
-    return text;
+    return text + " and no end";
 }
 
 // A child of the library and what came with it; ended and closed with its scope.
@@ -142,6 +141,8 @@ struct Process {
     int end()
     {
         close_pipe(&in);
+        bool has_ended = WaitForSingleObject(handle, support::PATIENCE_MS) == WAIT_OBJECT_0;
+        EXPECT_TRUE(has_ended || !TerminateProcess(handle, 1)) << "the child does not end";
         thr_process_status status = {-2, -2};
         EXPECT_EQ(reinterpret_cast<intptr_t>(handle), thr_process_wait(handle, &status, 0));
         EXPECT_FALSE(is_open(handle));
@@ -359,8 +360,8 @@ TEST_F(ProcessTest, EndArrivesWhileChildrenOfOtherThreadsRun)
     for (Process &process : processes) {
         ASSERT_TRUE(process.handle);
         process.close_pipe(&process.in);
-        EXPECT_EQ("out\n", read_to_end(process.out));
-        EXPECT_EQ("err\n", read_to_end(process.err));
+        ASSERT_EQ("out\n", read_to_end(process.out));
+        ASSERT_EQ("err\n", read_to_end(process.err));
         EXPECT_EQ(7, process.end());
     }
     // a lock where threads have met may keep a handle of the system's
@@ -383,10 +384,19 @@ TEST_F(ProcessTest, InheritFlagPassesTheCallersStreamsOn)
 
 // --- what the system is asked for ---------------------------------------------------------------
 
+STARTUPINFOA startup_told;
+
+void tell_startup(STARTUPINFOA *startup)
+{
+    *startup = startup_told;
+}
+
 TEST_F(ProcessTest, StartRecordHoldsWhatWasAskedFor)
 {
-    STARTUPINFOA own = {};
-    GetStartupInfoA(&own);
+    GetStartupInfoA(&startup_told);
+    startup_told.dwFlags = STARTF_USESHOWWINDOW;
+    startup_told.wShowWindow = SW_MAXIMIZE;
+    ImportPatch startup("GetStartupInfoA", &tell_startup);
     const struct {
         const char *pipes;
         int flag;
@@ -413,9 +423,10 @@ TEST_F(ProcessTest, StartRecordHoldsWhatWasAskedFor)
         const StartRecorder::Start &start = recorder.m_starts[0];
         DWORD no_window = c.has_console ? 0 : CREATE_NO_WINDOW;
         EXPECT_EQ(CREATE_SUSPENDED | CREATE_BREAKAWAY_FROM_JOB | no_window, start.flags);
-        DWORD startup_flags = *c.pipes || c.flag ? STARTF_USESTDHANDLES : own.dwFlags;
+        DWORD startup_flags = *c.pipes || c.flag ? STARTF_USESTDHANDLES : STARTF_USESHOWWINDOW;
         EXPECT_EQ(startup_flags, start.startup.dwFlags);
-        EXPECT_EQ(own.lpDesktop, start.startup.lpDesktop);
+        EXPECT_EQ(SW_MAXIMIZE, start.startup.wShowWindow);
+        EXPECT_EQ(startup_told.lpDesktop, start.startup.lpDesktop);
         EXPECT_EQ(c.inherit, start.inherit);
         EXPECT_TRUE(start.is_plain);
         for (int i = 0; i < 3; i++) {
@@ -697,13 +708,6 @@ TEST_F(ProcessTest, RunGivesTheExitCode)
 }
 
 // --- the calling process ------------------------------------------------------------------------
-
-STARTUPINFOA startup_told;
-
-void tell_startup(STARTUPINFOA *startup)
-{
-    *startup = startup_told;
-}
 
 TEST_F(ProcessTest, StdinIsThatOfTheStartRecord)
 {
