@@ -7,6 +7,7 @@
 #include "support/scratch_dir.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -320,18 +321,27 @@ TEST(DrlErrors, TellWhatFailedAndTheSystemsWords)
     thr_drl_register_funcs(nullptr, nullptr);
 }
 
-// The library's heap: its live blocks, and frees of anything else.
+// The library's heap: its live blocks, and frees of anything else. One thread can be told to wait
+// in the midst of its work, a while, for another one.
 struct Heap {
     std::mutex mutex;
     std::set<void *> live;
     int allocations;
     int wrong_frees;
+    std::atomic<DWORD> waiting_thread;
+    int allocations_until_wait;
+    HANDLE waits = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    HANDLE goes_on = CreateEventA(nullptr, FALSE, FALSE, nullptr);
 };
 
 Heap heap;
 
 void *tracked_calloc(size_t count, size_t size)
 {
+    if (heap.waiting_thread == GetCurrentThreadId() && --heap.allocations_until_wait == 0) {
+        SetEvent(heap.waits);
+        WaitForSingleObject(heap.goes_on, 100); // in vain where a lock keeps the other one out
+    }
     void *block = calloc(count, size);
     std::lock_guard<std::mutex> lock(heap.mutex);
     heap.live.insert(block);
@@ -350,41 +360,43 @@ void tracked_free(void *block)
         free(block);
 }
 
-// Lets other threads run in the midst of recording an error.
-DWORD WINAPI slow_format_message(DWORD flags, LPCVOID source, DWORD code, DWORD language,
-                                 LPSTR buffer, DWORD size, va_list *args)
-{
-    SwitchToThread();
-    EXPECT_EQ(flags, 0x1300u);
-    EXPECT_EQ(language, 0x400u);
-    return FormatMessageA(flags, source, code, language, buffer, size, args);
-}
-
 TEST(DrlErrors, SurviveFailuresOnSeveralThreads)
 {
     thr_drl_register_funcs(load_fails_by_number, nullptr);
     {
-        ImportPatch patches[] = {{"calloc", &tracked_calloc},
-                                 {"free", &tracked_free},
-                                 {"FormatMessageA", &slow_format_message}};
+        ImportPatch patches[] = {{"calloc", &tracked_calloc}, {"free", &tracked_free}};
         heap.live.clear();
         thr_drl_load("lib1"); // replaces the texts from before, which are not tracked
-        heap.wrong_frees = 0;
-        for (int round = 0; round < 40; ++round) {
-            std::vector<std::thread> threads;
-            for (int code = 2; code < 6; ++code) {
-                threads.emplace_back([code] {
-                    std::string name = "lib" + std::to_string(code);
-                    for (int i = 0; i < 25; ++i)
-                        thr_drl_load(name.c_str());
-                });
-            }
-            for (std::thread &thread : threads)
-                thread.join();
+        heap.allocations = heap.wrong_frees = 0;
+        thr_drl_load("lib1");
+        const int allocations = heap.allocations;
+        for (int nth = 1; nth <= allocations; ++nth) {
+            std::thread first([nth] {
+                heap.allocations_until_wait = nth;
+                heap.waiting_thread = GetCurrentThreadId();
+                thr_drl_load("lib2");
+            });
+            std::thread second([] {
+                EXPECT_EQ(WaitForSingleObject(heap.waits, PATIENCE_MS), WAIT_OBJECT_0);
+                thr_drl_load("lib3");
+                SetEvent(heap.goes_on);
+            });
+            first.join();
+            second.join();
+            ResetEvent(heap.goes_on);
             std::string data = thr_drl_get_error_data();
             DWORD code = strtoul(data.c_str() + strlen("lib"), nullptr, 10);
-            ASSERT_EQ(errors(), errors_about("Cannot load library ", data, code));
+            EXPECT_EQ(errors(), errors_about("Cannot load library ", data, code)) << nth;
         }
+        std::vector<std::thread> threads;
+        for (int thread = 0; thread < 4; ++thread) {
+            threads.emplace_back([] {
+                for (int i = 0; i < 250; ++i)
+                    thr_drl_load("lib2");
+            });
+        }
+        for (std::thread &thread : threads)
+            thread.join();
         EXPECT_EQ(heap.wrong_frees, 0);
         EXPECT_EQ(heap.live.size(), 3u); // the texts of the last error
     }
@@ -408,6 +420,27 @@ TEST(DrlErrorsDeathTest, EveryAllocationIsNeeded)
                 fail();
             },
             "ret", "thr_drl");
+    }
+}
+
+// A hook that fails a load itself, in the midst of the report of another one.
+ROLE(fails_in_its_report)
+{
+    thr_set_report_func([](const char *message, const char *, const char *, int) {
+        thr_drl_load("none");
+        say(message + std::string(", ") + thr_drl_get_error_data());
+    });
+    RefusedMalloc refused(std::stoi(args[0]));
+    thr_drl_load("dir/none");
+    return 0;
+}
+
+TEST(DrlErrors, AreOpenToAReportHook)
+{
+    for (const char *nth : {"4", "6"}) { // in the midst of the three texts
+        Child child("fails_in_its_report", {nth});
+        EXPECT_EQ(child.read_line(), "ret, none.dll");
+        EXPECT_EQ(child.wait(), -1);
     }
 }
 

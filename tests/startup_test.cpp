@@ -157,20 +157,20 @@ void WINAPI watching_enter(CRITICAL_SECTION *section)
 // Threads that hold the library's locks and never let go of them.
 std::atomic<int> stuck_threads;
 
-const DWORD MAIN_THREAD = GetCurrentThreadId();
-
-void stuck_free(void *block)
+DWORD WINAPI stuck_format_message(DWORD, LPCVOID, DWORD, DWORD, LPSTR, DWORD, va_list *)
 {
-    if (GetCurrentThreadId() != MAIN_THREAD && watched.count(block)) {
-        ++stuck_threads;
-        Sleep(INFINITE);
-    }
-    printed_free(block);
+    ++stuck_threads;
+    Sleep(INFINITE);
+    return 0;
 }
 
+// A wait is said: at the process's end not every system has the caller wait for a dead thread.
 void WINAPI stuck_enter(CRITICAL_SECTION *section)
 {
-    EnterCriticalSection(section);
+    if (!TryEnterCriticalSection(section)) {
+        print("waits for a lock");
+        EnterCriticalSection(section);
+    }
     if (watched.count(section)) {
         ++stuck_threads;
         Sleep(INFINITE);
@@ -179,7 +179,7 @@ void WINAPI stuck_enter(CRITICAL_SECTION *section)
 
 void get_threads_stuck()
 {
-    new ImportPatch("free", &stuck_free); // of a text that is replaced
+    new ImportPatch("FormatMessageA", &stuck_format_message);
     new ImportPatch("EnterCriticalSection", &stuck_enter);
     std::thread([] { OF_DLL(thr_drl_load)("no_such_library"); }).detach();
     std::thread([] { OF_DLL(thr_set_new_handler)(nullptr); }).detach();
