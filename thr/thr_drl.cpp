@@ -5,6 +5,7 @@
 #include "thr/thr_osi_sys.h"
 #include "thr/thr_owner.h"
 #include "thr/thr_report.h"
+#include "thr/thr_system_text.h"
 
 #include <cstdint>
 #include <cstdio>
@@ -118,25 +119,11 @@ void replace(char **text, THR_HEAP_TEXT replacement)
     free(old);
 }
 
-// The system's words for an error code, unchanged; none when it has none.
-THR_HEAP_TEXT system_error_text(DWORD code)
-{
-    char *message = nullptr;
-    DWORD length = FormatMessageA(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS |
-                                      FORMAT_MESSAGE_FROM_SYSTEM,
-                                  nullptr, code, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT),
-                                  reinterpret_cast<char *>(&message), 0, nullptr);
-    if (length == 0 || !message)
-        return nullptr;
-    THR_HEAP_TEXT text = copy_of(message);
-    LocalFree(message);
-    return text;
-}
-
 // With the lock held: records an error whose OS error code is given.
 void thr_drl_set_error(const char *prefix, const char *data, DWORD code)
 {
-    replace(&state.m_system_error, system_error_text(code));
+    THR_SYSTEM_TEXT system_error = thr_system_text(code);
+    replace(&state.m_system_error, system_error ? copy_of(system_error.get()) : nullptr);
     replace(&state.m_error_data, data ? copy_of(data) : nullptr);
     THR_HEAP_TEXT subject =
         join(prefix ? prefix : "Error ", text_or_empty(state.m_error_data), ": ");

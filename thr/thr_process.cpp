@@ -2,6 +2,7 @@
 #include "thr/thr_lock.h"
 #include "thr/thr_owner.h"
 #include "thr/thr_report.h"
+#include "thr/thr_system_text.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -117,29 +118,14 @@ bool is_in_process_job()
     return job != nullptr;
 }
 
-struct LocalFreeText {
-    void operator()(char *text) const { LocalFree(text); }
-};
-using SystemText = std::unique_ptr<char, LocalFreeText>;
-
-SystemText system_text(DWORD code)
-{
-    char *text = nullptr;
-    FormatMessageA(FORMAT_MESSAGE_ALLOCATE_BUFFER | FORMAT_MESSAGE_IGNORE_INSERTS |
-                       FORMAT_MESSAGE_FROM_SYSTEM,
-                   nullptr, code, MAKELANGID(LANG_NEUTRAL, SUBLANG_DEFAULT),
-                   reinterpret_cast<char *>(&text), 0, nullptr);
-    return SystemText(text);
-}
-
-const char *text_or_empty(const SystemText &text)
+const char *text_or_empty(const THR_SYSTEM_TEXT &text)
 {
     return text ? text.get() : "";
 }
 
 void tell_creation_failed(DWORD code, const char *command)
 {
-    SystemText text = system_text(code);
+    THR_SYSTEM_TEXT text = thr_system_text(code);
     size_t length = strlen(text_or_empty(text));
     if (length > 0 && text.get()[length - 1] == '\n')
         text.get()[length - 1] = '\0';
@@ -152,7 +138,7 @@ void tell_creation_failed(DWORD code, const char *command)
 
 void tell_assignment_failed(DWORD code)
 {
-    SystemText text = system_text(code);
+    THR_SYSTEM_TEXT text = thr_system_text(code);
     thr_debug_message("AssignProcessToJobObject failed with error(%d): \"%s\"", code,
                       text_or_empty(text));
 }
