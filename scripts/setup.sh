@@ -18,6 +18,7 @@ requirements=(
     doxygen=doxygen
     clang=clang++
     lld=ld.lld
+    llvm=llvm-dlltool
     clang-format=clang-format
     clang-tidy=clang-tidy
     cppcheck=cppcheck

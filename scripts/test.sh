@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Usage: scripts/test.sh [--preset NAME] [--filter PATTERN]
 #
-# Builds the library and runs every test program under Wine.
+# Builds the library and runs every test program under Wine. Of the release build, unfiltered, it
+# also checks the package as its users get it: scripts/consumers.sh.
 #
 #   --preset NAME     build and test this preset of CMakePresets.json (default: windows)
 #   --filter PATTERN  run only the tests that match, a GoogleTest filter
@@ -125,4 +126,9 @@ run_programs()
 
 "$root/scripts/setup.sh"
 build_preset "$preset"
+package_status=0
+if [ "$preset-$filter" = 'windows-*' ]; then
+    "$root/scripts/consumers.sh" || package_status=$?
+fi
 with_lock "$preset-tests" run_programs
+[ $package_status -eq 0 ] || die "the package is not fit for its users: see the start of the output"

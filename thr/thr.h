@@ -21,12 +21,16 @@
 #include <stddef.h>
 #include <stdint.h>
 
+/** @def THR_API
+ *  What the DLL exports is declared with it. */
 #ifdef THR_BUILDING
 #define THR_API __declspec(dllexport)
 #else
 #define THR_API __declspec(dllimport)
 #endif
 
+/** @def THR_NORETURN
+ *  A function that does not return to its caller. */
 #ifdef __cplusplus
 #define THR_NORETURN [[noreturn]]
 extern "C" {

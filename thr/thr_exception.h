@@ -41,7 +41,9 @@ public:
      *  @param sub_messages read only */
     VELKORA_ERROR_MESSAGE(const std::string &text, int32_t id,
                           const std::vector<VELKORA_ERROR_MESSAGE> &sub_messages);
+    /** Copies the lines. */
     VELKORA_ERROR_MESSAGE(const VELKORA_ERROR_MESSAGE &other);
+    /** Copies the lines. */
     VELKORA_ERROR_MESSAGE &operator=(const VELKORA_ERROR_MESSAGE &other);
     ~VELKORA_ERROR_MESSAGE();
 
@@ -49,10 +51,10 @@ public:
     size_t size() const;
     /** @return the line at `index`, counted from 0; it lives as long as the message */
     const LINE &operator[](size_t index) const;
-    /** The lines in order, for a range-based for. @{ */
+    /** @return the first line; with end(), for a range-based for */
     const LINE *begin() const;
+    /** @return behind the last line */
     const LINE *end() const;
-    /** @} */
 
 private:
     // Holds a small vector with room for one line in itself. Its type stays out of this header, so
@@ -84,7 +86,8 @@ namespace THR
 namespace ERRC
 {
 
-/** The lock files of an interprocess semaphore can't be set up. */
+/** The lock files of an interprocess semaphore can't be set up.
+ *  @ingroup exceptions */
 class THR_API FAILED_TO_CREATE_IP_MUTEX_ERRC : public THR_ERRC
 {
 public:

@@ -1,0 +1,177 @@
+#!/usr/bin/env bash
+# Usage: scripts/consumers.sh
+#
+# Installs the release build into build/consumers/thr and checks what a user gets: every public
+# header by itself with two compilers, programs in C and C++ and the examples built against the
+# installed files alone and run under Wine. Installing makes the manual, with warnings as errors.
+set -euo pipefail
+. "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+
+case ${1-} in
+-h | --help) usage && exit ;;
+'') ;;
+*) die "unknown argument: $1 (see --help)" ;;
+esac
+
+work=$root/build/consumers
+prefix=$work/thr
+gcc=x86_64-w64-mingw32-gcc-posix
+gxx=x86_64-w64-mingw32-g++-posix
+
+install_package()
+{
+    say "installing into build/consumers/thr"
+    rm -rf "$work"
+    mkdir -p "$work"
+    cmake --install "$root/build/windows" --prefix "$prefix" >"$work/install.log" 2>&1 ||
+        { cat "$work/install.log" && die "the installation failed, see above"; }
+    ! grep -rlF -e "$root" "$prefix" ||
+        die "the installed files above hold the path of this build"
+}
+
+# --- headers ------------------------------------------------------------------------------------
+
+clang_for_mingw=(clang --target=x86_64-w64-mingw32)
+gcc_folder=$(dirname "$($gxx -print-file-name=include)")
+clangxx_for_mingw=("${clang_for_mingw[@]}" -nostdinc++ -isystem "$gcc_folder/include/c++"
+    -isystem "$gcc_folder/include/c++/x86_64-w64-mingw32"
+    -isystem "$gcc_folder/include/c++/backward")
+
+# check_header COMPILER HEADER LANGUAGE STANDARD ORDER: the header alone, or before or after the
+# platform's, and its records and functions in use.
+check_header()
+{
+    local compiler=$1 header=$2 language=$3 standard=$4 order=$5 command
+    case $compiler-$language in
+    gcc-c) command=($gcc) ;;
+    gcc-c++) command=($gxx) ;;
+    clang-c) command=("${clang_for_mingw[@]}") ;;
+    clang-c++) command=("${clangxx_for_mingw[@]}") ;;
+    # no platform headers: the declarations as the other compiler family of Windows reads them
+    msvc-*) command=(clang --target=x86_64-pc-windows-msvc -ffreestanding -Wno-pragma-pack) ;;
+    esac
+    {
+        [ "$order" != after ] || printf '#include <%s>\n' windows.h errno.h stdlib.h
+        echo "#include \"thr/$header\""
+        [ "$order" != before ] || printf '#include <%s>\n' windows.h errno.h stdlib.h
+        echo "#include \"thr/$header\""
+        echo 'int probe(thr_sys_func *record);'
+        echo 'int probe(thr_sys_func *record)'
+        echo '{ thr_sys_func_init(record, 1, 2); return thr_sys_func_get_errno(record); }'
+    } | "${command[@]}" -x "$language" -std="$standard" -Wall -Wextra -Wpedantic -Werror \
+        -fsyntax-only -I "$prefix/include" - ||
+        { echo "thr/$header: $compiler, $standard, $order: does not compile" >&2 && return 1; }
+}
+
+# thr_classes.h includes the other two: in C++ it stands for all where the order is what matters.
+header_cases()
+{
+    local compiler order standard header
+    for compiler in gcc clang; do
+        for order in before after; do
+            echo $compiler thr_classes.h c++ c++17 $order
+            echo $compiler thr_classes.h c++ c++20 $order
+            echo $compiler thr.h c c11 $order
+        done
+        for standard in c++17 c++20; do
+            for header in thr.h thr_classes.h thr_exception.h; do
+                echo $compiler $header c++ $standard alone
+            done
+        done
+        echo $compiler thr.h c c11 alone
+    done
+    echo msvc thr.h c c11 alone
+    echo msvc thr.h c++ c++17 alone
+}
+
+# Runs check_header for every line of its input, as many at once as there are processors.
+check_headers()
+{
+    local arguments running=0 failed=0
+    while read -ra arguments; do
+        if [ $running -ge "$(nproc)" ]; then
+            wait -n || failed=1
+        else
+            running=$((running + 1))
+        fi
+        check_header "${arguments[@]}" </dev/null &
+    done
+    while [ $running -gt 0 ]; do
+        wait -n || failed=1
+        running=$((running - 1))
+    done
+    return $failed
+}
+
+# --- programs -----------------------------------------------------------------------------------
+
+# build SOURCE TARGET-FOLDER: by a CMake project that finds the package and nothing of this tree.
+build()
+{
+    cmake -G Ninja -S "$1" -B "$2" -DCMAKE_BUILD_TYPE=Release -DCMAKE_SYSTEM_NAME=Windows \
+        -DCMAKE_C_COMPILER=$gcc -DCMAKE_CXX_COMPILER=$gxx -DCMAKE_PREFIX_PATH="$prefix" \
+        >"$2.log" 2>&1 && cmake --build "$2" --parallel "$(nproc)" >>"$2.log" 2>&1 ||
+        { cat "$2.log" && die "building $1 against the package failed, see above"; }
+}
+
+# run_program STATUS PROGRAM [ARGUMENT...]: with the package's folder of DLLs on its path. Its output goes
+# to a file: what Wine starts beside it may hold that open.
+run_program()
+{
+    local expected=$1 log=$2.log status=0
+    shift
+    WINEPATH="Z:${prefix//\//\\}\\bin" timeout -k 10 120 "$wine" "$@" </dev/null \
+        >"$log" 2>&1 || status=$?
+    [ $status -eq "$expected" ] ||
+        { tr -d '\r' <"$log" >&2 && die "$(basename "$1") ended with status $status"; }
+    tr -d '\r' <"$log"
+}
+
+build_programs()
+{
+    say "building programs and examples against the package"
+    build "$root/tests/consumer" "$work/programs"
+    build "$prefix/share/doc/thr/examples" "$work/examples"
+    "${clang_for_mingw[@]}" -fuse-ld=lld -L "$gcc_folder" -std=c11 -Wall -Wextra -Wpedantic \
+        -Werror -I "$prefix/include" "$root/tests/consumer/consumer.c" "$prefix/lib/thr.lib" \
+        -o "$work/consumer_thr_lib.exe" || die "linking with thr.lib failed, see above"
+    clang --target=x86_64-pc-windows-msvc -ffreestanding -c -I "$prefix/include" \
+        "$root/tests/consumer/other_linker.c" -o "$work/other_linker.obj" &&
+        lld-link /nologo /nodefaultlib /entry:start /subsystem:console \
+            "/out:$work/other_linker.exe" "$work/other_linker.obj" "$prefix/lib/thr.lib" \
+            "$($gcc -print-file-name=libkernel32.a)" ||
+        die "linking with thr.lib by lld-link failed, see above"
+}
+
+run_programs()
+{
+    local example program
+    say "running them"
+    use_prefix "$root/build/wine"
+    run_program 0 "$work/programs/consumer_c.exe" | tail -n 1
+    run_program 0 "$work/consumer_thr_lib.exe" | tail -n 1
+    run_program 0 "$work/programs/consumer_cpp.exe" | tail -n 1
+    run_program 42 "$work/other_linker.exe"
+    for example in "$prefix"/share/doc/thr/examples/*/; do
+        program=$work/examples/bin/$(basename "$example").exe
+        run_program 0 "$program" --help >"$work/help.txt"
+        grep -qi '^usage: ' "$work/help.txt" || die "$(basename "$program") --help tells no usage"
+        run_program 2 "$program" --no-such-option >"$work/help.txt"
+        [ "$(wc -l <"$work/help.txt")" -eq 1 ] ||
+            die "$(basename "$program") does not tell in one line that its arguments are wrong"
+    done
+}
+
+check_package()
+{
+    with_lock windows-build install_package
+    say "compiling the headers by themselves"
+    check_headers < <(header_cases) || die "a header does not compile by itself, see above"
+    build_programs
+    run_programs
+    say "the package works"
+}
+
+"$root/scripts/setup.sh"
+build_preset windows
+with_lock consumers check_package
