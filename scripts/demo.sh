@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # Usage: scripts/demo.sh [FILE] [LEDGER OPTION...]
 #
-# Builds the library and its ledger example and runs it under Wine: workers that share one data
-# file while some of them are killed. FILE is the data file (default: build/demo/ledger.db); any
-# options are passed on, after --workers 6 --entries 200 --kill 2.
+# Builds the library and its ledger example and runs it under Wine: workers and readers that share
+# one data file while some of the workers are killed. FILE is the data file (default: build/demo/ledger.db); any
+# options are passed on, after --workers 6 --entries 200 --kill 2 --readers 2.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
@@ -27,5 +27,5 @@ say "ledger $file"
 # Both outputs go through pipes: on a terminal Wine would start its own console and repaint it.
 {
     "$wine" "$root/build/windows/bin/ledger.exe" "Z:${file//\//\\}" \
-        --workers 6 --entries 200 --kill 2 "$@" </dev/null 2>&1 >&3 3>&- | cat >&2 3>&-
+        --workers 6 --entries 200 --kill 2 --readers 2 "$@" </dev/null 2>&1 >&3 3>&- | cat >&2 3>&-
 } 3>&1 | cat

@@ -6,7 +6,6 @@
 #include <atomic>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -15,22 +14,33 @@ using namespace support;
 namespace
 {
 
-// As they are before anything is used.
-const THR_EVENT START_EVENTS[] = {thr_win32_pump_exit_event, thr_qt_exit_event};
-const uint64_t START_RETCODE = thr_win32_pump_exit_retcode;
-
 const UINT NUMBERED = WM_APP + 1;
 const UINT STOP = WM_APP + 2; // its handler posts the exit event
+const uint64_t EXIT_CODE = 1ull << 40;
 
 std::string handled; // the numbers of the messages dispatched
 
 LRESULT CALLBACK window_proc(HWND window, UINT message, WPARAM wparam, LPARAM lparam)
 {
-    if (message == NUMBERED)
+    if (message == NUMBERED || message == WM_CHAR)
         handled += std::to_string(wparam) + " ";
     if (message == STOP)
         thr_win32_post_pump_exit_event();
     return DefWindowProcA(window, message, wparam, lparam);
+}
+
+// Takes what is in the queue: numbers, and "quit" with its code.
+std::string drain()
+{
+    std::string left;
+    MSG message;
+    while (PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE)) {
+        if (message.message == WM_QUIT)
+            left += "quit " + std::to_string(static_cast<int>(message.wParam)) + " ";
+        else if (message.message == NUMBERED)
+            left += std::to_string(message.wParam) + " ";
+    }
+    return left;
 }
 
 void forget(THR_EVENT &event)
@@ -40,43 +50,11 @@ void forget(THR_EVENT &event)
     event = nullptr;
 }
 
-// Takes what is in the queue: numbers, and "quit" with its code.
-std::string drain()
-{
-    std::string left;
-    MSG message;
-    for (int i = 0; i < 100 && PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE); ++i) {
-        if (message.message == WM_QUIT)
-            left += "quit " + std::to_string(static_cast<int>(message.wParam)) + " ";
-        else if (message.message == NUMBERED)
-            left += std::to_string(message.wParam) + " ";
-    }
-    return left;
-}
-
-std::string take_handled()
-{
-    std::string taken;
-    taken.swap(handled);
-    return taken;
-}
-
-// Starts each test as the library starts, with a message-only window and an empty queue.
+// Starts each test without the exit events, with a message-only window.
 class Pump : public testing::Test
 {
 protected:
-    Pump()
-    {
-        WNDCLASSA window_class = {};
-        window_class.lpfnWndProc = window_proc;
-        window_class.lpszClassName = "thr pump test";
-        RegisterClassA(&window_class);
-        m_window = CreateWindowA("thr pump test", "", 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr, nullptr,
-                                 nullptr);
-        drain();
-        handled.clear();
-        thr_win32_pump_exit_retcode = START_RETCODE;
-    }
+    Pump() { SetWindowLongPtrA(m_window, GWLP_WNDPROC, reinterpret_cast<LONG_PTR>(window_proc)); }
     ~Pump()
     {
         thr_win32_set_msg_pump_func(nullptr);
@@ -84,205 +62,129 @@ protected:
         forget(thr_win32_pump_exit_event);
         forget(thr_qt_exit_event);
         DestroyWindow(m_window);
+        drain();
     }
-    void SetUp() override { ASSERT_TRUE(m_window) << GetLastError(); }
-
     // Posts messages with the numbers 1 to `count`.
     void post(int count, UINT message = NUMBERED)
     {
         for (int i = 1; i <= count; ++i)
             ASSERT_TRUE(PostMessageA(m_window, message, i, 0));
     }
+    // Pumps, which must give `result`: what is handled, what is left, whether an exit still waits.
+    std::string pump(uint64_t limit, uint64_t result)
+    {
+        handled.clear();
+        EXPECT_EQ(thr_win32_pump_messages(limit), result);
+        return handled + "| " + drain() +
+               (thr_event_is_posted(thr_win32_pump_exit_event) ? "posted" : "");
+    }
 
-    HWND m_window;
+    HWND m_window =
+        CreateWindowA("STATIC", "", 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr, nullptr, nullptr);
 };
 
-TEST_F(Pump, HandlesOneMessageMoreThanItsLimit)
+TEST_F(Pump, StopsAtItsLimitAtTheExitAndAtAQuit)
 {
-    EXPECT_EQ(START_EVENTS[0], nullptr);
-    EXPECT_EQ(START_EVENTS[1], nullptr);
-    EXPECT_EQ(START_RETCODE, 95134u);
+    const int NO_QUIT = 95;
     const struct {
         int messages;
+        bool exits;
+        int quit_code;
         uint64_t limit, result;
-        const char *handled, *left;
-    } cases[] = {{0, 0, 0, "", ""},
-                 {0, 3, 0, "", ""},
-                 {5, 0, 0, "1 2 3 4 5 ", ""},
-                 {5, 2, 3, "1 2 3 ", "4 5 "},
-                 {5, 4, 5, "1 2 3 4 5 ", ""},
-                 {5, 5, 5, "1 2 3 4 5 ", ""},
-                 {5, UINT64_MAX, 5, "1 2 3 4 5 ", ""}};
+        const char *outcome;
+    } cases[] = {
+        // One message more than the limit is handled, and not counted.
+        {0, false, NO_QUIT, 0, 0, "| "},
+        {0, false, NO_QUIT, 3, 0, "| "},
+        {5, false, NO_QUIT, 0, 0, "1 2 3 4 5 | "},
+        {5, false, NO_QUIT, 2, 3, "1 2 3 | 4 5 "},
+        {5, false, NO_QUIT, 4, 5, "1 2 3 4 5 | "},
+        {5, false, NO_QUIT, 5, 5, "1 2 3 4 5 | "},
+        {5, false, NO_QUIT, UINT64_MAX, 5, "1 2 3 4 5 | "},
+        // The exit shows at the next message, which is lost.
+        {0, true, NO_QUIT, 0, 0, "| posted"},
+        {0, true, NO_QUIT, 3, 0, "| posted"},
+        {1, true, NO_QUIT, 0, EXIT_CODE, "| "},
+        {2, true, NO_QUIT, 0, EXIT_CODE, "| 2 "},
+        {2, true, NO_QUIT, 1, EXIT_CODE, "| 2 "},
+        {1, true, NO_QUIT, 9, EXIT_CODE, "| "},
+        // A quit is left to the host's loop, and comes before the exit.
+        {0, false, 7, 0, 0, "| quit 7 "},
+        {0, false, 7, 1, 2, "| quit 7 "},
+        {0, false, -1, 3, 4, "| quit -1 "},
+        {2, false, -1, 0, 0, "1 2 | quit -1 "},
+        {2, false, 0, 3, 4, "1 2 | quit 0 "},
+        {3, false, 9, 1, 2, "1 2 | 3 quit 9 "},
+        {0, true, -1, 4, 5, "| quit -1 posted"},
+    };
+    EXPECT_EQ(thr_win32_pump_exit_event, nullptr);
+    EXPECT_EQ(thr_win32_pump_exit_retcode, 95134u);
+    thr_win32_pump_exit_retcode = EXIT_CODE;
     for (const auto &c : cases) {
         SCOPED_TRACE(&c - cases);
+        if (c.exits)
+            std::thread(thr_win32_post_pump_exit_event).join(); // from any thread
         post(c.messages);
-        EXPECT_EQ(thr_win32_pump_messages(c.limit), c.result);
-        EXPECT_EQ(take_handled(), c.handled);
-        EXPECT_EQ(drain(), c.left);
-        ASSERT_NE(thr_win32_pump_exit_event, nullptr) << "made by the first pump";
-        EXPECT_EQ(thr_event_is_posted(thr_win32_pump_exit_event), 0);
+        if (c.quit_code != NO_QUIT)
+            PostQuitMessage(c.quit_code);
+        EXPECT_EQ(pump(c.limit, c.result), c.outcome);
+        thr_event_reset(thr_win32_pump_exit_event);
     }
-}
-
-BOOL WINAPI recorded_translate(const MSG *message)
-{
-    handled += "translated ";
-    return TranslateMessage(message);
-}
-
-BOOL WINAPI refused_get_message(MSG *, HWND, UINT, UINT)
-{
-    return -1;
-}
-
-TEST_F(Pump, TranslatesFirstAndTakesThreadMessagesToo)
-{
-    ImportPatch patch("TranslateMessage", &recorded_translate);
-    post(1);
-    PostThreadMessageA(GetCurrentThreadId(), NUMBERED, 9, 0);
-    EXPECT_EQ(thr_win32_pump_messages(7), 2u);
-    EXPECT_EQ(take_handled(), "translated 1 translated ") << "9 has no window";
-    post(1);
-    ImportPatch refusal("GetMessageA", &refused_get_message);
-    EXPECT_EQ(thr_win32_pump_messages(0), 0u) << "must end all the same";
-    EXPECT_EQ(drain(), "1 ");
-}
-
-TEST_F(Pump, ReportsTheExitAtTheNextMessage)
-{
-    const struct {
-        int messages;
-        uint64_t limit, retcode, result;
-        const char *left;
-        int is_posted;
-    } cases[] = {{0, 0, 95134, 0, "", 1},       {0, 3, 95134, 0, "", 1},
-                 {1, 0, 95134, 95134, "", 0},   {2, 0, 95134, 95134, "2 ", 0},
-                 {2, 1, 95134, 95134, "2 ", 0}, {1, 9, 1ull << 40, 1ull << 40, "", 0}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(&c - cases);
-        thr_win32_pump_exit_retcode = c.retcode;
-        std::thread(thr_win32_post_pump_exit_event).join(); // from any thread
-        post(c.messages);
-        EXPECT_EQ(thr_win32_pump_messages(c.limit), c.result);
-        EXPECT_EQ(take_handled(), "") << "the message at which the exit shows is lost";
-        EXPECT_EQ(drain(), c.left);
-        EXPECT_EQ(thr_event_is_posted(thr_win32_pump_exit_event), c.is_posted);
-    }
-    thr_event_reset(thr_win32_pump_exit_event);
     post(1);
     post(1, STOP);
     post(3);
-    EXPECT_EQ(thr_win32_pump_messages(0), thr_win32_pump_exit_retcode);
-    EXPECT_EQ(take_handled(), "1 ");
-    EXPECT_EQ(drain(), "2 3 ");
-}
-
-int quits; // posted by the library
-
-void WINAPI counted_quit(int code)
-{
-    ++quits;
-    PostQuitMessage(code);
-}
-
-TEST_F(Pump, LeavesAQuitToTheHostsLoop)
-{
-    const struct {
-        int messages, code;
-        uint64_t limit, result;
-        int quits;
-        const char *left;
-    } cases[] = {{0, 7, 0, 0, 1, "quit 7 "},   {0, 7, 1, 2, 2, "quit 7 "},
-                 {0, -1, 3, 4, 4, "quit -1 "}, {2, -1, 0, 0, 1, "quit -1 "},
-                 {2, 0, 3, 4, 2, "quit 0 "},   {3, 9, 1, 2, 0, "3 quit 9 "}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(&c - cases);
-        ImportPatch patch("PostQuitMessage", &counted_quit);
-        quits = 0;
-        post(c.messages);
-        PostQuitMessage(c.code);
-        EXPECT_EQ(thr_win32_pump_messages(c.limit), c.result);
-        EXPECT_EQ(quits, c.quits);
-        EXPECT_EQ(drain(), c.left);
-    }
-    thr_win32_post_pump_exit_event();
-    thr_process_exit(thr_process_status{0, 3});
-    EXPECT_EQ(thr_win32_pump_messages(4), 5u);
-    EXPECT_EQ(thr_event_is_posted(thr_win32_pump_exit_event), 1) << "the quit comes first";
-    EXPECT_EQ(drain(), "quit -1 ");
+    EXPECT_EQ(pump(0, EXIT_CODE), "1 | 2 3 ");
+    PostMessageA(m_window, WM_KEYDOWN, 'A', 0);
+    EXPECT_EQ(pump(0, 0), "97 | ") << "translated into a character";
+    thr_win32_pump_exit_retcode = 95134;
 }
 
 // --- hooks --------------------------------------------------------------------------------------
 
-bool had_event;
 int hook_calls;
 
 uint64_t pump_hook(uint64_t limit)
 {
-    ++hook_calls;
-    had_event = thr_win32_pump_exit_event != nullptr;
+    hook_calls += thr_win32_pump_exit_event != nullptr;
     return limit * 3;
 }
 
 void qt_hook()
 {
-    ++hook_calls;
-    had_event = thr_qt_exit_event != nullptr;
-    thr_win32_pump_exit_retcode = 1; // the value from before the call counts
+    hook_calls += thr_qt_exit_event != nullptr;
 }
 
-TEST_F(Pump, AHookPumpsInItsPlace)
-{
-    thr_win32_set_msg_pump_func(pump_hook);
-    EXPECT_EQ(thr_win32_pump_messages(5), 15u);
-    EXPECT_TRUE(had_event) << "made before the hook is called";
-    thr_win32_post_pump_exit_event();
-    post(1);
-    EXPECT_EQ(thr_win32_pump_messages(1ull << 40), 3ull << 40);
-    EXPECT_EQ(thr_event_is_posted(thr_win32_pump_exit_event), 1);
-    thr_win32_set_msg_pump_func(nullptr);
-    EXPECT_EQ(thr_win32_pump_messages(1), 95134u);
-}
-
-TEST_F(Pump, QtEventsAreProcessedByTheHook)
+TEST_F(Pump, HooksPumpInItsPlaceAndOnTheMainThreadAlone)
 {
     EXPECT_EQ(thr_qt_process_events(), 0u);
     EXPECT_EQ(thr_qt_post_exit_event(), 0);
     EXPECT_EQ(thr_qt_exit_event, nullptr);
     thr_qt_set_process_event_func(qt_hook);
-    EXPECT_EQ(thr_qt_process_events(), 95134u);
-    EXPECT_TRUE(had_event);
-    EXPECT_EQ(thr_event_is_posted(thr_qt_exit_event), 0);
-    EXPECT_EQ(thr_qt_post_exit_event(), 1);
-    EXPECT_EQ(thr_qt_process_events(), 1u);
-    EXPECT_EQ(thr_event_is_posted(thr_qt_exit_event), 1) << "only the host resets it";
-    EXPECT_EQ(thr_win32_pump_exit_event, nullptr) << "the other loop's";
-}
-
-TEST_F(Pump, OnAnotherThreadNothingIsTouched)
-{
-    thr_qt_set_process_event_func(qt_hook);
-    hook_calls = 0;
     std::thread([] {
         drain(); // gives the thread its queue
         PostThreadMessageA(GetCurrentThreadId(), NUMBERED, 4, 0);
-        for (auto *hook : {pump_hook, THR_WIN32_PUMP_FUNC{}}) {
+        for (auto *hook : {THR_WIN32_PUMP_FUNC{}, pump_hook}) {
             thr_win32_set_msg_pump_func(hook);
             EXPECT_EQ(thr_win32_pump_messages(6), 0u);
         }
         EXPECT_EQ(thr_qt_process_events(), 95134u);
         EXPECT_EQ(thr_win32_pump_exit_event, nullptr);
         EXPECT_EQ(thr_qt_exit_event, nullptr);
-        thr_win32_post_pump_exit_event();
-        EXPECT_EQ(thr_win32_pump_messages(6), 0u);
         EXPECT_EQ(drain(), "4 ");
     }).join();
-    EXPECT_EQ(thr_event_is_posted(thr_win32_pump_exit_event), 1);
     EXPECT_EQ(hook_calls, 0);
+
+    EXPECT_EQ(thr_qt_process_events(), 95134u);
+    EXPECT_EQ(hook_calls, 1) << "with the event made before";
+    EXPECT_EQ(thr_qt_post_exit_event(), 1);
+    EXPECT_EQ(thr_event_is_posted(thr_qt_exit_event), 1);
+    EXPECT_EQ(thr_win32_pump_exit_event, nullptr) << "the other loop's";
+    post(1);
+    EXPECT_EQ(pump(1ull << 40, 3ull << 40), "| 1 ");
+    EXPECT_EQ(hook_calls, 2) << "with the event made before";
 }
 
-// --- one event for all
-// ----------------------------------------------------------------------------
+// --- one event for all --------------------------------------------------------------------------
 
 std::atomic<int> creating, live_events;
 
@@ -313,39 +215,26 @@ TEST_F(Pump, AnEventMadeByTwoThreadsAtOnceIsOneEvent)
     thr_qt_set_process_event_func(qt_hook);
     for (auto &c : cases) {
         for (int round = 0; round < 20; ++round) {
-            THR_EVENT seen = nullptr;
             creating = live_events = 0;
             {
                 ImportPatch create("CreateEventA", &created_together);
                 ImportPatch close("CloseHandle", &counted_close);
-                std::thread other([&] {
-                    c.post();
-                    seen = c.event;
-                });
+                std::thread other(c.post);
                 c.post();
                 other.join();
             }
             EXPECT_EQ(live_events, 1);
-            EXPECT_EQ(seen, c.event);
             EXPECT_EQ(thr_event_is_posted(c.event), 1);
             forget(c.event);
         }
     }
 }
 
-UINT WINAPI refused_register(const char *)
-{
-    return 0;
-}
-
 TEST_F(Pump, RegisteredMessagesAreTheSystems)
 {
     EXPECT_EQ(thr_win32_is(), 1);
-    uint32_t message = thr_win32_get_registered_message("thr pump test message");
-    EXPECT_EQ(message, RegisterWindowMessageA("thr pump test message"));
-    EXPECT_GE(message, 0xC000u);
-    ImportPatch patch("RegisterWindowMessageA", &refused_register);
-    EXPECT_EQ(thr_win32_get_registered_message("x"), 0u);
+    EXPECT_EQ(thr_win32_get_registered_message("thr pump test message"),
+              RegisterWindowMessageA("thr pump test message"));
 }
 
 } // namespace

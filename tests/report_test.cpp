@@ -9,7 +9,6 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
@@ -26,16 +25,12 @@ namespace
 const char ACTION[] = "set the process' CPU affinity mask";
 const char API[] = "GetProcessAffinityMask(GetCurrentProcess(), &proc_mask, &sys_mask)";
 
+thread_local DWORD code_of_thread = ERROR_ACCESS_DENIED;
+
 BOOL WINAPI refused_get_mask(HANDLE, DWORD_PTR *, DWORD_PTR *)
 {
-    SetLastError(ERROR_ACCESS_DENIED);
+    SetLastError(code_of_thread);
     return FALSE;
-}
-
-DWORD WINAPI refused_tls_alloc()
-{
-    SetLastError(ERROR_NO_MORE_ITEMS);
-    return TLS_OUT_OF_INDEXES;
 }
 
 void print_report(const char *message, const char *sub_system, const char *file, int line)
@@ -48,62 +43,15 @@ void say_goodbye()
     fprintf(stderr, "goodbye\n");
 }
 
-// --- internal errors ----------------------------------------------------------------------------
+// --- reports ------------------------------------------------------------------------------------
 
-TEST(InternalErrorDeathTest, EndsTheProcessThroughExit)
+TEST(ReportDeathTest, WithoutAHookIsPrintedAndEndsTheProcessThroughExit)
 {
     EXPECT_EXIT(
         {
             atexit(say_goodbye);
-            thr_mutex_lock(nullptr);
-        },
-        testing::ExitedWithCode(-1),
-        "^Internal Error: Sub-system: THR, File: thr/thr_mutex\\.cpp, Line: \\d+\n"
-        "mutex != 0\ngoodbye\n$");
-}
-
-TEST(InternalErrorDeathTest, GoesToTheHookAndEndsTheProcessAllTheSame)
-{
-    EXPECT_EXIT(
-        {
-            thr_set_report_func(print_report);
-            thr_mutex_lock(nullptr);
-            fprintf(stderr, "it returned\n");
-        },
-        testing::ExitedWithCode(-1), "^hook: mutex != 0\\|THR\\|thr/thr_mutex\\.cpp\\|1\n$");
-}
-
-TEST(InternalErrorDeathTest, IsPrintedAgainOnceTheHookIsRemoved)
-{
-    EXPECT_INTERNAL_ERROR(
-        {
             thr_set_report_func(print_report);
             thr_set_report_func(nullptr);
-            thr_mutex_lock(nullptr);
-        },
-        "mutex != 0", "thr_mutex");
-}
-
-// --- OS failures --------------------------------------------------------------------------------
-
-TEST(OsFailure, GoesToTheHookAndReturns)
-{
-    ReportRecorder reports;
-    ImportPatch patch("GetProcessAffinityMask", &refused_get_mask);
-    EXPECT_EQ(thr_get_cpu_affinity_mask(), 0u);
-    std::vector<Report> taken = reports.take();
-    ASSERT_EQ(taken.size(), 1u);
-    EXPECT_EQ(taken[0].message, os_failure_text(ACTION, API, ERROR_ACCESS_DENIED));
-    EXPECT_EQ(taken[0].sub_system, "THR");
-    EXPECT_EQ(taken[0].file, "thr/thr_thread.cpp");
-    EXPECT_GT(taken[0].line, 0);
-}
-
-TEST(OsFailureDeathTest, EndsTheProcessWithoutAHook)
-{
-    EXPECT_EXIT(
-        {
-            atexit(say_goodbye);
             ImportPatch patch("GetProcessAffinityMask", &refused_get_mask);
             thr_get_cpu_affinity_mask();
         },
@@ -112,35 +60,37 @@ TEST(OsFailureDeathTest, EndsTheProcessWithoutAHook)
             "\nLocation: thr/thr_thread\\.cpp:\\d+\ngoodbye\n$");
 }
 
+TEST(ReportDeathTest, AnInternalErrorGoesToTheHookAndEndsTheProcessAllTheSame)
+{
+    EXPECT_EXIT(
+        {
+            thr_set_report_func(print_report);
+            thr_mutex_lock(nullptr);
+        },
+        testing::ExitedWithCode(-1), "^hook: mutex != 0\\|THR\\|thr/thr_mutex\\.cpp\\|1\n$");
+}
+
 // Two threads stand in the hook at once before either looks at its report.
-thread_local DWORD code_of_thread;
 LONG reports_in_hook;
 std::atomic<int> own_reports;
-
-BOOL WINAPI refused_by_thread(HANDLE, DWORD_PTR *, DWORD_PTR *)
-{
-    SetLastError(code_of_thread);
-    return FALSE;
-}
 
 void compare_when_both_report(const char *message, const char *, const char *, int)
 {
     InterlockedIncrement(&reports_in_hook);
     for (int tries = 0; tries < 10000 && InterlockedOr(&reports_in_hook, 0) < 2; ++tries)
         Sleep(1);
-    if (message == os_failure_text(ACTION, API, code_of_thread))
-        ++own_reports;
+    own_reports += message == os_failure_text(ACTION, API, code_of_thread);
 }
 
-TEST(OsFailure, ThreadsReportAtOnce)
+TEST(Report, OfAnOsFailureGoesToTheHookAndReturnsOnThreadsAtOnce)
 {
-    ImportPatch patch("GetProcessAffinityMask", &refused_by_thread);
+    ImportPatch patch("GetProcessAffinityMask", &refused_get_mask);
     thr_set_report_func(compare_when_both_report);
     std::vector<std::thread> threads;
     for (DWORD code : {ERROR_ACCESS_DENIED, ERROR_ALREADY_EXISTS}) {
         threads.emplace_back([code] {
             code_of_thread = code;
-            thr_get_cpu_affinity_mask();
+            EXPECT_EQ(thr_get_cpu_affinity_mask(), 0u);
         });
     }
     for (std::thread &thread : threads)
@@ -152,94 +102,50 @@ TEST(OsFailure, ThreadsReportAtOnce)
 
 // --- debug channel ------------------------------------------------------------------------------
 
-void send_debug_message()
+DWORD WINAPI refused_tls_alloc()
 {
-    ImportPatch patch("TlsAlloc", &refused_tls_alloc);
-    THR_THREAD_VAR var;
-    thr_thread_var_init(&var);
+    SetLastError(ERROR_NO_MORE_ITEMS);
+    return TLS_OUT_OF_INDEXES;
 }
 
-void first_hook(const char *sub_system, const char *format, va_list args)
+void print_debug(const char *sub_system, const char *format, va_list args)
 {
-    printf("first hook: %s: ", sub_system);
+    printf("hook: %s: ", sub_system);
     vprintf(format, args);
     printf("\n");
 }
 
-void second_hook(const char *sub_system, const char *, va_list)
-{
-    printf("second hook: %s\n", sub_system);
-}
+const struct {
+    THR_DEBUG_FUNC hook;
+    int fake_debug;
+    std::string start;
+} DEBUG_STEPS[] = {{nullptr, 0, ""},           {print_debug, 0, "hook"},
+                   {nullptr, 0, ""},           {nullptr, 2, "Fake Debug"},
+                   {nullptr, 0, "Fake Debug"}, {print_debug, 0, "hook"}};
 
 ROLE(debug_channel)
 {
-    const struct {
-        const char *step;
-        THR_DEBUG_FUNC hook;
-        int fake_debug;
-    } steps[] = {{"nothing set", nullptr, 0},    {"hook", first_hook, 0},
-                 {"hook removed", nullptr, 0},   {"fake debug", nullptr, 2},
-                 {"fake debug off", nullptr, 0}, {"hook and fake debug", first_hook, 1},
-                 {"other hook", second_hook, 0}, {"other hook removed", nullptr, 0}};
-    for (auto &step : steps) {
-        say(step.step);
+    ImportPatch patch("TlsAlloc", &refused_tls_alloc);
+    for (auto &step : DEBUG_STEPS) {
         thr_set_debug_func(step.hook, step.fake_debug);
-        send_debug_message();
+        THR_THREAD_VAR var;
+        thr_thread_var_init(&var);
+        say("done");
     }
     return 0;
 }
 
 TEST(DebugChannel, GoesToTheHookElseToFakeDebugElseNowhere)
 {
-    const std::string text = "thr_thread_var_init() failed with error code 259";
-    const std::string hooked = "first hook: THR: " + text;
-    const std::string faked = "Fake Debug: THR: " + text;
     Child child("debug_channel");
-    for (const std::string &line :
-         {std::string("nothing set"), std::string("hook"), hooked, std::string("hook removed"),
-          std::string("fake debug"), faked, std::string("fake debug off"), faked,
-          std::string("hook and fake debug"), hooked, std::string("other hook"),
-          std::string("second hook: THR"), std::string("other hook removed"), faked})
-        EXPECT_EQ(child.read_line(), line);
-    EXPECT_EQ(child.read_line(), std::nullopt);
+    for (auto &step : DEBUG_STEPS) {
+        if (!step.start.empty()) {
+            EXPECT_EQ(child.read_line(),
+                      step.start + ": THR: thr_thread_var_init() failed with error code 259");
+        }
+        EXPECT_EQ(child.read_line(), "done");
+    }
     EXPECT_EQ(child.wait(), 0);
-}
-
-// --- debugger -----------------------------------------------------------------------------------
-
-const char *debugger_text;
-
-void WINAPI recorded_output(const char *text)
-{
-    debugger_text = text;
-}
-
-TEST(Debugger, OutputIsPassedOnUnchanged)
-{
-    ImportPatch patch("OutputDebugStringA", &recorded_output);
-    const char text[] = "100%s of it\n";
-    thr_win32_output_debug_string(text);
-    EXPECT_EQ(debugger_text, text);
-}
-
-LONG breakpoints;
-
-// Goes on behind the breakpoint instruction, as a debugger that continues.
-LONG CALLBACK continue_like_a_debugger(EXCEPTION_POINTERS *exception)
-{
-    if (exception->ExceptionRecord->ExceptionCode != EXCEPTION_BREAKPOINT)
-        return EXCEPTION_CONTINUE_SEARCH;
-    ++breakpoints;
-    ++exception->ContextRecord->Rip;
-    return EXCEPTION_CONTINUE_EXECUTION;
-}
-
-TEST(Debugger, BreakIsABreakpointThatReturns)
-{
-    void *handler = AddVectoredExceptionHandler(1, continue_like_a_debugger);
-    thr_debug_break();
-    RemoveVectoredExceptionHandler(handler);
-    EXPECT_EQ(breakpoints, 1);
 }
 
 } // namespace

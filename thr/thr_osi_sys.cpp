@@ -77,8 +77,10 @@ THR_WIDE_TEXT thr_osi_long_path(const char *path)
         begins_with(full, L"\\\\.\\"))
         return full;
     if (begins_with(full, L"\\\\"))
-        return full.replace(0, 2, L"\\\\?\\UNC\\");
-    return full.insert(0, L"\\\\?\\");
+        full.replace(0, 2, L"\\\\?\\UNC\\");
+    else
+        full.insert(0, L"\\\\?\\");
+    return full; // moved, where the result of insert() would be copied
 }
 
 size_t thr_osi_skip_to_drive(const THR_WIDE_TEXT &text)

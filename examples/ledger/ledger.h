@@ -14,10 +14,11 @@ struct Options {
     uint32_t entries = 200;
     uint32_t kill = 2;
     uint32_t seed = 0;
+    uint32_t readers = 0; // with any, workers and readers share a semaphore instead of the mutex
 };
 
 // A worker is this program with the arguments WORKER_ARGUMENT, its number from 1, the number of
-// entries, a seed and the file. It tells its host, a line each:
+// entries, a seed, the number of readers and the file. It tells its host, a line each:
 //
 //     lock                  it has taken the lock
 //     cut BYTES             it has cut a torn entry off
@@ -29,11 +30,21 @@ struct Options {
 // "lock" or "cut" therefore ended with the lock held.
 const char WORKER_ARGUMENT[] = "--worker";
 
+// A reader is this program with the arguments READER_ARGUMENT and the file. It audits the ledger
+// again and again under the read lock until its standard input is closed, and tells, a line each:
+//
+//     audit COUNT           the ledger's entries, all in order
+//     anything else         what went wrong
+const char READER_ARGUMENT[] = "--reader";
+
 // The exit code of a worker that the host ended.
 const int KILLED_EXIT_CODE = 99;
 
 // The whole of a worker; returns its exit code.
 int run_worker(uint32_t number, const Options &options);
+
+// The whole of a reader; returns its exit code.
+int run_reader(const std::string &file);
 
 // Takes the lock of the ledger; ask the guard whether it was taken. The library gives up a take
 // that the system refuses for another reason than that somebody holds the lock. A lock file that

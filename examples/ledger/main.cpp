@@ -13,6 +13,7 @@ namespace
 
 const char HELP[] =
     "usage: ledger FILE [--workers N] [--entries M] [--kill K] [--seed S]\n"
+    "              [--readers R]\n"
     "\n"
     "Starts N worker processes that append M entries each to the ledger FILE, which is\n"
     "created or continued. They take turns by an interprocess lock on FILE. K of them are\n"
@@ -21,6 +22,8 @@ const char HELP[] =
     "  --workers N   1 to 64 (6)\n"
     "  --entries M   entries of each worker, 1 to 1000000 (200)\n"
     "  --kill K      at most N (2, or N - 1 if that is less)\n"
+    "  --readers R   0 to 16 (0); with any, processes audit the ledger again and again under the\n"
+    "                read lock of a semaphore, under whose write lock the workers then append\n"
     "  --seed S      picks the workers to be terminated and their moments; the same seed picks\n"
     "                the same (default: another one each time)\n"
     "\n"
@@ -58,6 +61,8 @@ Options parse_options(char **args)
         } else if (arg == "--kill") {
             options.kill = parse_number(arg, *++args, 0, 64);
             is_kill_given = true;
+        } else if (arg == "--readers") {
+            options.readers = parse_number(arg, *++args, 0, 16);
         } else if (arg == "--seed") {
             options.seed = parse_number(arg, *++args, 0, UINT32_MAX);
         } else if (arg[0] == '-') {
@@ -106,7 +111,7 @@ void show_progress(const Options &options, const std::deque<Worker> &crew)
 }
 
 // Listens to the workers until all have ended.
-void watch(const Options &options, std::deque<Worker> *crew)
+void watch(const Options &options, std::deque<Worker> *crew, std::deque<Reader> *readers)
 {
     Clock::time_point next_progress = Clock::now();
     for (;;) {
@@ -117,6 +122,8 @@ void watch(const Options &options, std::deque<Worker> *crew)
                 is_idle = false;
             is_running = is_running || worker.is_running();
         }
+        for (Reader &reader : *readers)
+            reader.poll();
         if (Clock::now() >= next_progress || !is_running) {
             show_progress(options, *crew);
             next_progress = Clock::now() + std::chrono::milliseconds(100);
@@ -125,6 +132,8 @@ void watch(const Options &options, std::deque<Worker> *crew)
             break;
         thr_msleep(is_idle ? 1 : 0);
     }
+    for (Reader &reader : *readers)
+        reader.stop();
     printf("\r%70s\r", "");
 }
 
@@ -167,14 +176,25 @@ void check_kept(const std::vector<Entry> &kept, const std::vector<Entry> &entrie
 }
 
 // Another run on the same file may hold the lock just now, so one sight of the file proves nothing.
-void check_no_lock_file(const std::string &file)
+void check_no_lock_file(const std::string &lock_file)
 {
-    std::string lock_file = file + ".mtx." + thr_get_interprocess_file_extension();
     for (int tries = 0; GetFileAttributesA(lock_file.c_str()) != INVALID_FILE_ATTRIBUTES; tries++) {
         if (tries == 100)
             throw LedgerError(lock_file + " is left over");
         thr_msleep(10);
     }
+}
+
+void check_no_lock_files(const std::string &file, const std::deque<Worker> &crew,
+                         const std::deque<Reader> &readers)
+{
+    const std::string end = std::string(".") + thr_get_interprocess_file_extension();
+    for (const char *mutex : {".mtx", ".cri.mtx", ".wri.mtx"})
+        check_no_lock_file(file + mutex + end);
+    for (const Worker &worker : crew)
+        check_no_lock_file(file + "." + std::to_string(worker.process_id()) + ".wtr" + end);
+    for (const Reader &reader : readers)
+        check_no_lock_file(file + "." + std::to_string(reader.process_id()) + ".rdr" + end);
 }
 
 // --- the host -----------------------------------------------------------------------------------
@@ -185,6 +205,17 @@ void print_table(const std::deque<Worker> &crew)
     for (const Worker &worker : crew)
         printf("%6u  %7u  %7u  %s\n", worker.number(), worker.process_id(),
                count_of(worker.entries()), worker.how_it_ended().c_str());
+}
+
+void print_readers(const std::deque<Reader> &readers)
+{
+    if (readers.empty())
+        return;
+    printf("reader  process   audits  ended\n");
+    uint32_t number = 0;
+    for (const Reader &reader : readers)
+        printf("%6u  %7u  %7u  %s\n", ++number, reader.process_id(), reader.audits(),
+               reader.how_it_ended().c_str());
 }
 
 void print_totals(const std::deque<Worker> &crew, const Audit &audit, uint32_t old_count)
@@ -211,18 +242,22 @@ int run_host(const Options &options)
 {
     Clock::time_point start = Clock::now();
     Audit before = audit_file(options.file, LedgerFile::OPEN_OR_CREATE, false);
-    printf("%s: %u workers, %u entries each, %u to be killed, seed %u\n", options.file.c_str(),
-           options.workers, options.entries, options.kill, options.seed);
+    printf("%s: %u workers, %u entries each, %u to be killed, %u readers, seed %u\n",
+           options.file.c_str(), options.workers, options.entries, options.kill, options.readers,
+           options.seed);
     std::deque<Worker> crew;
+    std::deque<Reader> readers;
+    start_readers(options, &readers);
     start_crew(options, &crew);
-    watch(options, &crew);
+    watch(options, &crew, &readers);
     print_table(crew);
+    print_readers(readers);
 
     Audit after = audit_file(options.file, LedgerFile::OPEN, true);
     check_kept(before.entries, after.entries, "the audit fails: old entry ");
     for (const Worker &worker : crew)
         check_kept(worker.entries(), after.entries, "the audit fails: acknowledged entry ");
-    check_no_lock_file(options.file);
+    check_no_lock_files(options.file, crew, readers);
     print_totals(crew, after, count_of(before.entries));
     printf("time:  %.1f s\n", std::chrono::duration<double>(Clock::now() - start).count());
     for (const Worker &worker : crew) {
@@ -230,16 +265,21 @@ int run_host(const Options &options)
             throw LedgerError("worker " + std::to_string(worker.number()) + " " +
                               worker.how_it_ended());
     }
+    for (const Reader &reader : readers) {
+        if (!reader.is_fine())
+            throw LedgerError("a reader " + reader.how_it_ended());
+    }
     return 0;
 }
 
-// The arguments are the host's own work, see worker_command().
+// The arguments are the host's own work, see worker_arguments().
 Options parse_worker_options(char **args)
 {
     Options options;
     options.entries = static_cast<uint32_t>(strtoul(args[1], nullptr, 10));
     options.seed = static_cast<uint32_t>(strtoul(args[2], nullptr, 10));
-    options.file = args[3];
+    options.readers = static_cast<uint32_t>(strtoul(args[3], nullptr, 10));
+    options.file = args[4];
     return options;
 }
 
@@ -247,7 +287,9 @@ Options parse_worker_options(char **args)
 
 int main(int argc, char **argv)
 {
-    if (argc == 6 && strcmp(argv[1], WORKER_ARGUMENT) == 0)
+    if (argc == 3 && strcmp(argv[1], READER_ARGUMENT) == 0)
+        return run_reader(argv[2]);
+    if (argc == 7 && strcmp(argv[1], WORKER_ARGUMENT) == 0)
         return run_worker(static_cast<uint32_t>(strtoul(argv[2], nullptr, 10)),
                           parse_worker_options(argv + 2));
     for (int i = 1; i < argc; i++) {

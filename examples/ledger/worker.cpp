@@ -16,17 +16,31 @@ void say(const std::string &line)
         throw LedgerError("the host has gone");
 }
 
-void append_entry(uint32_t worker, LedgerFile *ledger, THR_IP_MUTEX_OBJ *mutex)
+// With the lock held, whichever it is.
+void append_entry(uint32_t worker, LedgerFile *ledger)
 {
-    THR_IP_SCOPED_MUTEX guard = lock_ledger(mutex);
-    if (!guard.was_lock_successful())
-        throw LedgerError("can't take the lock");
     say("lock");
     uint32_t cut = ledger->cut_torn_entry();
     if (cut > 0)
         say("cut " + std::to_string(cut));
     Entry entry = ledger->append(static_cast<uint32_t>(thr_getpid()), worker);
     say("entry " + std::to_string(entry.number) + " " + std::to_string(entry.seal));
+}
+
+void append_under_mutex(uint32_t worker, LedgerFile *ledger, THR_IP_MUTEX_OBJ *mutex)
+{
+    THR_IP_SCOPED_MUTEX guard = lock_ledger(mutex);
+    if (!guard.was_lock_successful())
+        throw LedgerError("can't take the lock");
+    append_entry(worker, ledger);
+}
+
+void append_among_readers(uint32_t worker, LedgerFile *ledger,
+                          THR_IP_READ_WRITE_SEMAPHORE *semaphore)
+{
+    semaphore->write_lock();
+    append_entry(worker, ledger);
+    semaphore->write_unlock();
 }
 
 void wait_for_leave()
@@ -43,9 +57,13 @@ int run_worker(uint32_t number, const Options &options)
     try {
         LedgerFile ledger(options.file, LedgerFile::OPEN);
         THR_IP_MUTEX_OBJ mutex(options.file.c_str());
+        THR_IP_READ_WRITE_SEMAPHORE semaphore(options.file.c_str());
         std::minstd_rand random(options.seed);
         for (uint32_t i = 0; i < options.entries; i++) {
-            append_entry(number, &ledger, &mutex);
+            if (options.readers > 0)
+                append_among_readers(number, &ledger, &semaphore);
+            else
+                append_under_mutex(number, &ledger, &mutex);
             thr_msleep(random() % 4); // the work that leads to the next entry needs no lock
         }
         say("done");
@@ -54,6 +72,8 @@ int run_worker(uint32_t number, const Options &options)
     } catch (const LedgerError &error) {
         // standard error is the same pipe; nobody may be at its other end any more
         fprintf(stderr, "%s\n", error.what());
-        return 1;
+    } catch (const VELKORA_EXCEPTION &exception) {
+        fprintf(stderr, "%s\n", exception.get_errc().get_error_message()[0].m_text.c_str());
     }
+    return 1;
 }

@@ -1,6 +1,8 @@
 #include "support/child.h"
 
 #include <cstdio>
+#include <cstdlib>
+#include <iostream>
 #include <map>
 #include <mutex>
 #include <stdexcept>
@@ -12,7 +14,6 @@ namespace
 {
 
 const UINT KILLED_EXIT_CODE = 197;
-const int ROLE_FAILED_EXIT_CODE = 198;
 
 std::map<std::string, RoleFunc> &roles()
 {
@@ -32,13 +33,6 @@ std::string quoted(const std::string &arg)
         text += c;
     }
     return text.append(backslashes, '\\') + '"';
-}
-
-void close(HANDLE &handle)
-{
-    if (handle)
-        CloseHandle(handle);
-    handle = nullptr;
 }
 
 // A pipe of which the child's end alone is inheritable.
@@ -67,8 +61,6 @@ PROCESS_INFORMATION start(const std::string &command, STARTUPINFOA &startup)
         if (CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
                            &startup, &process))
             return process;
-        fprintf(stderr, "the start of a child was refused (%lu), trying again: %s\n",
-                GetLastError(), command.c_str());
         Sleep(200);
     }
     throw std::runtime_error("can't start " + command);
@@ -83,17 +75,7 @@ RoleRegistration::RoleRegistration(const char *name, RoleFunc func)
 
 int run_role(const std::string &name, const RoleArgs &args)
 {
-    auto role = roles().find(name);
-    if (role == roles().end()) {
-        fprintf(stderr, "this program has no role %s\n", name.c_str());
-        return ROLE_FAILED_EXIT_CODE;
-    }
-    try {
-        return role->second(args);
-    } catch (const std::exception &e) {
-        fprintf(stderr, "role %s: %s\n", name.c_str(), e.what());
-        return ROLE_FAILED_EXIT_CODE;
-    }
+    return roles().at(name)(args);
 }
 
 void say(const std::string &line)
@@ -105,21 +87,14 @@ void say(const std::string &line)
 std::optional<std::string> hear()
 {
     std::string line;
-    int c = getchar();
-    if (c == EOF)
+    if (!std::getline(std::cin, line))
         return std::nullopt;
-    for (; c != EOF && c != '\n'; c = getchar())
-        line += static_cast<char>(c);
     return line;
 }
 
 std::string own_program()
 {
-    char path[MAX_PATH];
-    DWORD length = GetModuleFileNameA(nullptr, path, MAX_PATH);
-    if (length == 0 || length == MAX_PATH)
-        throw std::runtime_error("the program's own path is not known");
-    return path;
+    return _pgmptr;
 }
 
 std::string role_command(const std::string &role, const RoleArgs &args, const std::string &program)
@@ -143,19 +118,15 @@ Child::Child(const std::string &role, const RoleArgs &args, const std::string &p
     make_pipe(m_stdout, startup.hStdOutput, startup.hStdOutput);
     startup.hStdError = inheritable_stderr();
     m_process = start(role_command(role, args, program), startup);
-    close(startup.hStdInput);
-    close(startup.hStdOutput);
-    close(startup.hStdError);
+    for (HANDLE handle : {startup.hStdInput, startup.hStdOutput, startup.hStdError})
+        CloseHandle(handle);
 }
 
 Child::~Child()
 {
-    if (!wait(0))
-        kill();
-    close(m_stdin);
-    close(m_stdout);
-    close(m_process.hThread);
-    close(m_process.hProcess);
+    kill();
+    for (HANDLE handle : {m_stdin, m_stdout, m_process.hThread, m_process.hProcess})
+        CloseHandle(handle);
 }
 
 std::optional<std::string> Child::read_line(DWORD timeout_ms)
@@ -172,17 +143,14 @@ std::optional<std::string> Child::read_line(DWORD timeout_ms)
         }
         char bytes[4096];
         DWORD count = 0;
-        if (!PeekNamedPipe(m_stdout, nullptr, 0, nullptr, &count, nullptr))
+        if (!PeekNamedPipe(m_stdout, nullptr, 0, nullptr, &count, nullptr) ||
+            (count != 0 && !ReadFile(m_stdout, bytes, sizeof bytes, &count, nullptr)))
             return std::nullopt; // the child closed its end
-        if (count != 0) {
-            if (!ReadFile(m_stdout, bytes, sizeof bytes, &count, nullptr))
-                return std::nullopt;
-            m_unread.append(bytes, count);
-        } else if (GetTickCount64() >= deadline) {
+        m_unread.append(bytes, count);
+        if (count == 0 && GetTickCount64() >= deadline)
             return std::nullopt;
-        } else {
+        if (count == 0)
             Sleep(1);
-        }
     }
 }
 
@@ -196,7 +164,8 @@ bool Child::write_line(const std::string &line)
 
 void Child::close_stdin()
 {
-    close(m_stdin);
+    CloseHandle(m_stdin);
+    m_stdin = nullptr;
 }
 
 void Child::kill()

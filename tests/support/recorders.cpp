@@ -5,10 +5,6 @@
 namespace support
 {
 
-namespace
-{
-
-// What the system says to an error code, without its line break.
 std::string system_words(DWORD code)
 {
     char words[4096];
@@ -18,8 +14,6 @@ std::string system_words(DWORD code)
         return "no additional information available";
     return std::string(words, length - 2);
 }
-
-} // namespace
 
 std::string os_failure_text(const std::string &action, const std::string &api_text, DWORD code)
 {

@@ -16,6 +16,9 @@
 namespace support
 {
 
+// What the system says to an error code, without its line break.
+std::string system_words(DWORD code);
+
 // The whole text of an OS failure report of a Win32 call, with the system's words for `code`.
 std::string os_failure_text(const std::string &action, const std::string &api_text, DWORD code);
 
@@ -38,12 +41,6 @@ template <class Self, class Entry> class Recorder
 public:
     Recorder(const Recorder &) = delete;
     Recorder &operator=(const Recorder &) = delete;
-
-    std::vector<Entry> entries() const
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_entries;
-    }
 
     // Returns the entries and forgets them.
     std::vector<Entry> take()
@@ -71,7 +68,7 @@ protected:
     static Self &active() { return static_cast<Self &>(*s_active); }
 
 private:
-    mutable std::mutex m_mutex;
+    std::mutex m_mutex;
     std::vector<Entry> m_entries;
     inline static Recorder *s_active = nullptr;
 };

@@ -1,0 +1,176 @@
+#include "measure.h"
+
+#include <algorithm>
+#include <random>
+#include <stdexcept>
+
+namespace bench
+{
+
+namespace
+{
+
+const int FEWEST_ROUNDS = 15;
+const int MOST_ROUNDS = 4000;
+
+HANDLE make_event()
+{
+    HANDLE event = CreateEventA(nullptr, FALSE, FALSE, nullptr);
+    if (!event)
+        throw std::runtime_error("an event can't be made");
+    return event;
+}
+
+void wait_for(HANDLE event)
+{
+    const DWORD patience_ms = 120000;
+    if (WaitForSingleObject(event, patience_ms) != WAIT_OBJECT_0)
+        throw std::runtime_error("a thread of the measurement does not come to its end");
+}
+
+} // namespace
+
+int64_t now()
+{
+    LARGE_INTEGER ticks;
+    QueryPerformanceCounter(&ticks);
+    return ticks.QuadPart;
+}
+
+double seconds(int64_t ticks)
+{
+    LARGE_INTEGER frequency;
+    QueryPerformanceFrequency(&frequency);
+    return static_cast<double>(ticks) / static_cast<double>(frequency.QuadPart);
+}
+
+// --- threads ------------------------------------------------------------------------------------
+
+Crew::Crew(int size)
+{
+    m_members.resize(size);
+    for (int number = 0; number < size; ++number) {
+        Member &member = m_members[number];
+        member.m_start = make_event();
+        member.m_done = make_event();
+        member.m_thread = std::thread(&Crew::serve, this, number);
+    }
+}
+
+Crew::~Crew()
+{
+    start({});
+    for (Member &member : m_members) {
+        member.m_thread.join();
+        CloseHandle(member.m_start);
+        CloseHandle(member.m_done);
+    }
+}
+
+void Crew::serve(int number)
+{
+    Member &member = m_members[number];
+    for (;;) {
+        WaitForSingleObject(member.m_start, INFINITE);
+        if (!m_work)
+            return;
+        m_work(number);
+        SetEvent(member.m_done);
+    }
+}
+
+void Crew::start(const std::function<void(int)> &work)
+{
+    m_work = work;
+    for (Member &member : m_members)
+        SetEvent(member.m_start);
+}
+
+void Crew::finish()
+{
+    for (Member &member : m_members)
+        wait_for(member.m_done);
+}
+
+// --- rounds -------------------------------------------------------------------------------------
+
+Spread spread_of(std::vector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    auto at = [&](double part) {
+        double position = part * static_cast<double>(values.size() - 1);
+        size_t below = static_cast<size_t>(position);
+        size_t above = std::min(below + 1, values.size() - 1);
+        return values[below] +
+               (position - static_cast<double>(below)) * (values[above] - values[below]);
+    };
+    return {at(0.5), at(0.25), at(0.75)};
+}
+
+bool is_calm(const Measurement &measurement)
+{
+    return measurement.control.median >= 0.95 && measurement.control.median <= 1.05;
+}
+
+namespace
+{
+
+// How many operations take about that long.
+int batch_size(const Batch &run, double batch_seconds)
+{
+    int count = 1;
+    run(count); // what happens once only
+    while (count < 1000000 && seconds(run(count)) < batch_seconds)
+        count *= 2;
+    return count;
+}
+
+// The round-by-round ratios of two of the measured times.
+std::vector<double> ratios(const std::vector<double> &times, const std::vector<double> &base)
+{
+    std::vector<double> result;
+    for (size_t round = 0; round < times.size(); ++round)
+        result.push_back(times[round] / base[round]);
+    return result;
+}
+
+} // namespace
+
+Measurement measure(const Operation &operation, double budget_seconds)
+{
+    std::vector<Batch> runs = {operation.library, operation.raw, operation.raw};
+    for (const Variant &other : operation.others)
+        runs.push_back(other.run);
+    int count = batch_size(operation.raw, operation.batch_seconds);
+    std::vector<size_t> order;
+    for (size_t index = 0; index < runs.size(); ++index) {
+        order.push_back(index);
+        runs[index](count); // warm
+    }
+
+    std::vector<std::vector<double>> times(runs.size());
+    std::mt19937 random; // always the same turns
+    int64_t start = now();
+    int rounds = 0;
+    while (rounds < FEWEST_ROUNDS ||
+           (rounds < MOST_ROUNDS && seconds(now() - start) < budget_seconds)) {
+        std::shuffle(order.begin(), order.end(), random);
+        for (size_t index : order)
+            times[index].push_back(seconds(runs[index](count)) / count);
+        ++rounds;
+    }
+
+    Measurement result = {spread_of(times[0]).median,
+                          spread_of(times[1]).median,
+                          spread_of(ratios(times[0], times[1])),
+                          spread_of(ratios(times[2], times[1])),
+                          {},
+                          rounds};
+    for (size_t other = 0; other < operation.others.size(); ++other)
+        result.others.push_back({operation.others[other].name,
+                                 spread_of(ratios(times[3 + other], times[1])).median,
+                                 spread_of(ratios(times[0], times[3 + other])).median});
+    return result;
+}
+
+} // namespace bench

@@ -1,0 +1,199 @@
+#include "raw_calls.h"
+#include "rows.h"
+
+#include "thr/thr_classes.h"
+
+#include <stdexcept>
+
+namespace bench
+{
+
+namespace
+{
+
+const double STARTS_BATCH = 0.001; // one start is longer than any batch
+
+void expect(bool condition, const char *what)
+{
+    if (!condition)
+        throw std::runtime_error(what);
+}
+
+// --- processes ----------------------------------------------------------------------------------
+
+void run_child(const std::string &program)
+{
+    std::string command = program;
+    void *output = nullptr, *job = nullptr;
+    void *process = thr_process_create_and_save_job(command.data(), nullptr, &output, nullptr,
+                                                    nullptr, nullptr, &job);
+    expect(process, "the library can't start a process");
+    char text[256];
+    uint32_t count;
+    while (thr_process_read(output, text, sizeof text, &count) == 0)
+        ;
+    thr_process_wait(process, nullptr, 0);
+    thr_process_close_pipe(output);
+    thr_process_close_handle(job);
+}
+
+void run_raw_child(const std::string &program)
+{
+    std::string command = program;
+    HANDLE output = nullptr, job = nullptr;
+    HANDLE process = raw::start_process(command.data(), &output, &job);
+    expect(process, "the raw calls can't start a process");
+    char text[256];
+    DWORD count, code;
+    while (ReadFile(output, text, sizeof text, &count, nullptr))
+        ;
+    WaitForSingleObject(process, INFINITE);
+    GetExitCodeProcess(process, &code);
+    CloseHandle(process);
+    CloseHandle(output);
+    CloseHandle(job);
+}
+
+// --- named pipes --------------------------------------------------------------------------------
+
+const int MESSAGE_SIZE = 64;
+
+// Two pipes, one for each way; the far ends are read and written by an echo thread.
+struct PipePair {
+    THR_NAMED_PIPE m_near_server;
+    THR_NAMED_PIPE m_far_server;
+    THR_NAMED_PIPE m_near_client;
+    THR_NAMED_PIPE m_far_client;
+
+    PipePair()
+        : m_near_client(m_far_server.create() ? m_far_server.get_name() : "none"),
+          m_far_client(m_near_server.create() ? m_near_server.get_name() : "none")
+    {
+        expect(m_near_client.open() && m_far_client.open() && m_near_server.connect() &&
+                   m_far_server.connect(),
+               "the named pipes can't be made");
+    }
+    ~PipePair()
+    {
+        m_near_client.close();
+        m_far_client.close();
+    }
+};
+
+struct RawPipe {
+    HANDLE m_server;
+    HANDLE m_client;
+
+    explicit RawPipe(const std::string &name)
+    {
+        m_server = CreateNamedPipeA(name.c_str(), PIPE_ACCESS_OUTBOUND | FILE_FLAG_WRITE_THROUGH,
+                                    PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT,
+                                    PIPE_UNLIMITED_INSTANCES, 512, 512, 0, nullptr);
+        m_client = CreateFileA(name.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+        ConnectNamedPipe(m_server, nullptr);
+        expect(m_server != INVALID_HANDLE_VALUE && m_client != INVALID_HANDLE_VALUE,
+               "the raw named pipes can't be made");
+    }
+    ~RawPipe()
+    {
+        CloseHandle(m_client);
+        CloseHandle(m_server);
+    }
+    void write(const char *message) const
+    {
+        DWORD count;
+        WriteFile(m_server, message, MESSAGE_SIZE, &count, nullptr);
+    }
+    void read(char *message) const
+    {
+        DWORD count;
+        ReadFile(m_client, message, MESSAGE_SIZE, &count, nullptr);
+    }
+};
+
+// Members 0 and 1 of the crew are the near and the far end.
+template <class Near, class Far> Batch round_trips(Crew &crew, Near near_end, Far far_end)
+{
+    return in_step(crew, [=](int member) {
+        char message[MESSAGE_SIZE] = {};
+        member == 0 ? near_end(message) : far_end(message);
+    });
+}
+
+void pipe_row(Report &report)
+{
+    PipePair pipes;
+    std::string name = "\\\\.\\pipe\\thr_bench" + std::to_string(GetCurrentProcessId());
+    RawPipe there(name + "there");
+    RawPipe back(name + "back");
+    Crew crew(2);
+    report.row({"named pipe message there and back",
+                0,
+                round_trips(
+                    crew,
+                    [&](char *message) {
+                        pipes.m_near_server.write(message, MESSAGE_SIZE);
+                        pipes.m_near_client.read(message, MESSAGE_SIZE);
+                    },
+                    [&](char *message) {
+                        pipes.m_far_client.read(message, MESSAGE_SIZE);
+                        pipes.m_far_server.write(message, MESSAGE_SIZE);
+                    }),
+                round_trips(
+                    crew, [&](char *message) { there.write(message), back.read(message); },
+                    [&](char *message) { there.read(message), back.write(message); }),
+                {},
+                "",
+                0.004});
+}
+
+// --- libraries ----------------------------------------------------------------------------------
+
+void attach(const std::string &file)
+{
+    HMODULE library = LoadLibraryA(file.c_str());
+    expect(library, "a library can't be loaded");
+    FreeLibrary(library);
+}
+
+// A copy of the DLL, since the DLL itself is attached to this program for good.
+void attach_row(Report &report, const std::string &directory, const std::string &folder)
+{
+    std::string copy = directory + "\\thr_copy.dll";
+    expect(CopyFileA((folder + "\\thr.dll").c_str(), copy.c_str(), TRUE),
+           "thr.dll can't be copied");
+    std::string plain = folder + "\\thr_bench_attach.dll";
+    report.row({"DLL attach+detach",
+                0,
+                repeat([=] { attach(copy); }),
+                repeat([=] { attach(plain); }),
+                {},
+                ""});
+    DeleteFileA(copy.c_str());
+}
+
+} // namespace
+
+void process_rows(Report &report, const std::string &directory, const std::string &folder)
+{
+    report.part("processes, libraries, pipes");
+    std::string child = "\"" + folder + "\\thr_bench_child.exe\"";
+    report.row({"process start+output+wait",
+                1.10,
+                repeat([=] { run_child(child); }),
+                repeat([=] { run_raw_child(child); }),
+                {},
+                "",
+                STARTS_BATCH});
+    HMODULE library = GetModuleHandleA("thr.dll");
+    report.row({"library function lookup",
+                1.10,
+                repeat([=] { thr_drl_find_function(library, "thr_mutex_create"); }),
+                repeat([=] { GetProcAddress(library, "thr_mutex_create"); }),
+                {},
+                ""});
+    attach_row(report, directory, folder);
+    pipe_row(report);
+}
+
+} // namespace bench

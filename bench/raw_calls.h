@@ -1,0 +1,102 @@
+// The operations as a careful user writes them with plain Win32 calls: the same calls in the same
+// order as the library's, without its checks and without a DLL between.
+#ifndef THR_BENCH_RAW_CALLS_H
+#define THR_BENCH_RAW_CALLS_H
+
+#include <string>
+
+#include <windows.h>
+
+namespace raw
+{
+
+// A manual-reset event.
+HANDLE make_event();
+
+// --- read-write semaphore -----------------------------------------------------------------------
+
+class RwSem
+{
+public:
+    RwSem();
+    ~RwSem();
+    RwSem(const RwSem &) = delete;
+    RwSem &operator=(const RwSem &) = delete;
+
+    void read_lock();
+    void read_unlock();
+    void write_lock();
+    void write_unlock();
+
+private:
+    CRITICAL_SECTION m_state;
+    CRITICAL_SECTION m_writer;
+    HANDLE m_no_readers;
+    HANDLE m_no_writers;
+    int m_readers;
+    int m_writers;
+};
+
+// --- threads ------------------------------------------------------------------------------------
+
+using ThreadFunc = void *(*)(void *);
+using Wrapper = void *(*)(ThreadFunc, void *);
+
+// The links of a chain of wrappers; the last one calls the function.
+void *call_func(ThreadFunc func, void *arg);
+extern Wrapper chain_head;
+
+// Creates a thread with a record of its own, waits for it and returns its value.
+void *run_thread(DWORD self_slot, ThreadFunc func, void *arg);
+
+// --- lock files ---------------------------------------------------------------------------------
+
+HANDLE take_lock_file(const char *path);
+void release_lock_file(const char *path, HANDLE lock_file);
+
+class IpMutex
+{
+public:
+    explicit IpMutex(const std::string &path) : m_path(path + ".mtx.flock") {}
+
+    bool lock();
+    bool try_lock();
+    void unlock();
+
+private:
+    std::string m_path;
+    HANDLE m_file = INVALID_HANDLE_VALUE;
+    int m_count = 0;
+};
+
+// `path` is absolute, with a slash before its file name.
+class IpRwSem
+{
+public:
+    explicit IpRwSem(const std::string &path);
+
+    void read_lock();
+    void read_unlock();
+    void write_lock();
+    bool write_try_lock();
+    void write_unlock();
+
+private:
+    IpMutex m_atomic_lock;
+    IpMutex m_writers_lock;
+    std::string m_reader_path;
+    std::string m_writer_path;
+    HANDLE m_reader = INVALID_HANDLE_VALUE;
+    HANDLE m_writer = INVALID_HANDLE_VALUE;
+    int m_readers = 0;
+    int m_writers = 0;
+};
+
+// --- processes ----------------------------------------------------------------------------------
+
+// Starts a command in a job of its own, its output in a pipe; null when refused.
+HANDLE start_process(char *command, HANDLE *output, HANDLE *job);
+
+} // namespace raw
+
+#endif

@@ -1,0 +1,30 @@
+// The groups of rows, in the order in which they are measured.
+#ifndef THR_BENCH_ROWS_H
+#define THR_BENCH_ROWS_H
+
+#include "report.h"
+
+#include <string>
+
+namespace bench
+{
+
+void sync_rows(Report &report);
+void thread_rows(Report &report);
+// Registers thread wrappers, which nothing takes back: no thread is measured after it.
+void wrapper_rows(Report &report);
+// In an empty `directory`.
+void interprocess_rows(Report &report, const std::string &directory);
+// `folder` holds this program and its companions.
+void process_rows(Report &report, const std::string &directory, const std::string &folder);
+
+void growth_rows(Report &report, const std::string &directory);
+// An interprocess unlock that meets the next holder's file.
+void removal_rows(Report &report, const std::string &directory);
+
+// The process that waits in the growth of the hand-overs: what it has to know is in `args`.
+int wait_in_line(const std::vector<std::string> &args);
+
+} // namespace bench
+
+#endif

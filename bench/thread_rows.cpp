@@ -1,0 +1,112 @@
+#include "raw_calls.h"
+#include "rows.h"
+
+#include "thr/thr.h"
+
+#include <stdexcept>
+#include <thread>
+
+namespace bench
+{
+
+namespace
+{
+
+void *just_return(void *value)
+{
+    return value;
+}
+
+const int MOST_WRAPPERS = 4;
+
+// The next slots of the wrappers in the library's chain and in the raw one.
+THR_THREAD_WRAPPER next_slots[MOST_WRAPPERS];
+raw::Wrapper raw_next_slots[MOST_WRAPPERS];
+
+template <int LINK> void *wrapper(THR_THREAD_FUNC func, void *arg)
+{
+    return next_slots[LINK](func, arg);
+}
+
+template <int LINK> void *raw_wrapper(raw::ThreadFunc func, void *arg)
+{
+    return raw_next_slots[LINK](func, arg);
+}
+
+const THR_THREAD_WRAPPER WRAPPERS[] = {wrapper<0>, wrapper<1>, wrapper<2>, wrapper<3>};
+const raw::Wrapper RAW_WRAPPERS[] = {raw_wrapper<0>, raw_wrapper<1>, raw_wrapper<2>,
+                                     raw_wrapper<3>};
+
+// Appends a wrapper to each of the two chains.
+void append_wrapper(int link)
+{
+    thr_thread_set_next_wrapper_func(WRAPPERS[link], &next_slots[link]);
+    (link == 0 ? raw::chain_head : raw_next_slots[link - 1]) = RAW_WRAPPERS[link];
+    raw_next_slots[link] = raw::call_func;
+}
+
+} // namespace
+
+namespace
+{
+
+// The slot's index lies in static storage on both sides, as it does in programs, and the result is
+// used: an error code is a part of what setting gives.
+THR_THREAD_VAR var;
+DWORD slot;
+void *value;
+int code;
+
+void thread_var_rows(Report &report)
+{
+    report.row({"thread variable set",
+                1.50,
+                repeat([] { code |= thr_thread_var_set(&var, &value); }),
+                repeat([] { code |= TlsSetValue(slot, &value) ? 0 : int(GetLastError()); }),
+                {},
+                ""});
+    report.row({"thread variable get",
+                1.20,
+                repeat([] { value = thr_thread_var_get(&var); }),
+                repeat([] { value = TlsGetValue(slot); }),
+                {},
+                ""});
+    if (code != 0 || value != &value)
+        throw std::runtime_error("a thread variable does not hold its value");
+}
+
+} // namespace
+
+void thread_rows(Report &report)
+{
+    report.part("threads");
+    thr_thread_var_init(&var);
+    slot = TlsAlloc();
+    report.row({"thread create+wait",
+                1.08,
+                repeat([] { thr_thread_wait(thr_thread_create(just_return, nullptr, 0)); }),
+                repeat([] { raw::run_thread(slot, just_return, nullptr); }),
+                {{"std::thread", repeat([] { std::thread(just_return, nullptr).join(); })}},
+                ""});
+    thread_var_rows(report);
+    TlsFree(slot);
+    thr_thread_var_destroy(&var);
+}
+
+void wrapper_rows(Report &report)
+{
+    report.part("thread functions");
+    int registered = 0;
+    for (int wrappers : {0, 1, MOST_WRAPPERS}) {
+        while (registered < wrappers)
+            append_wrapper(registered++);
+        report.row({"function call through " + std::to_string(wrappers) + " wrappers",
+                    0,
+                    repeat([] { thr_thread_wrapper(just_return, nullptr); }),
+                    repeat([] { raw::chain_head(just_return, nullptr); }),
+                    {},
+                    ""});
+    }
+}
+
+} // namespace bench

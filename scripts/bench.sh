@@ -1,0 +1,69 @@
+#!/usr/bin/env bash
+# Usage: scripts/bench.sh [--quick] [--json FILE] [--svg FILE]
+#
+# Builds the library and its benchmark and runs it under Wine: what each operation costs over the
+# raw Win32 calls and over what one might take instead. Wants a calm machine. The table goes to
+# standard output; docs/performance.md says how to read it.
+#
+#   --quick      short measurements: less than a minute instead of some
+#   --json FILE  also writes the results to FILE
+#   --svg FILE   also draws how costs grow
+set -euo pipefail
+. "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+
+quick=() json='' svg=''
+while [ $# -gt 0 ]; do
+    case $1 in
+    -h | --help) usage && exit ;;
+    --quick) quick=(--quick) && shift ;;
+    --json | --svg)
+        [ $# -ge 2 ] || die "$1 needs a file (see --help)"
+        printf -v "${1#--}" %s "$(realpath -m -- "$2")"
+        shift 2
+        ;;
+    *) die "unknown argument: $1 (see --help)" ;;
+    esac
+done
+
+build=$root/build/windows
+
+stop_wine()
+{
+    trap - EXIT
+    "$wineserver" -k 2>/dev/null || true
+}
+
+# A prefix of its own, so that the server which is ended afterwards serves this run alone.
+start_wine()
+{
+    use_prefix "$build/bench-wine"
+    if [ ! -e "$WINEPREFIX/.ready" ]; then
+        rm -rf "$WINEPREFIX"
+        cp -a "$root/build/wine" "$WINEPREFIX"
+    fi
+    trap stop_wine EXIT
+    trap 'exit 130' INT
+    trap 'exit 143' TERM HUP
+    "$wineserver" -k 2>/dev/null || true # left by a run that was killed
+    "$wineserver" -w
+    "$wineserver" -p </dev/null >/dev/null 2>&1
+    # The services that Wine starts with its first program must not hold this script's output open.
+    "$wine" cmd /c exit </dev/null >/dev/null 2>&1 || die "Wine does not run: see build/wine.log"
+}
+
+run_bench()
+{
+    start_wine
+    cd "$build"
+    say "measuring on $(nproc) processors, load $(cut -d ' ' -f 1-3 /proc/loadavg)"
+    # Through a pipe: on a terminal Wine would start its own console and repaint it.
+    "$wine" bin/thr_bench.exe "${quick[@]}" --json bench.json </dev/null 2>&1 | cat ||
+        die "a measurement could not be made, see above"
+    stop_wine
+    [ -z "$json" ] || cp bench.json "$json"
+    [ -z "$svg" ] || awk -f "$root/bench/plot.awk" bench.json >"$svg" || die "can't draw $svg"
+}
+
+"$root/scripts/setup.sh"
+build_preset windows thr thr_bench
+with_lock windows-bench run_bench
