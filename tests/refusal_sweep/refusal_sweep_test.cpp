@@ -1,8 +1,9 @@
 // Every call that the library makes of an import is refused once alone and, when more calls of that
-// import follow, once with all of those, in scenarios that together use every family. Each time the
-// library has to tell of the refusal or to have a reason not to, nothing is left over, and the
-// scenario passes again. The runs are made in child processes, since a run may end its process.
-#include "sweep.h"
+// import follow, once with all of those. Each time the library has to tell of the refusal or to
+// have a reason not to, nothing is left over, and the scenario passes again. The runs are made in
+// child processes, since a run may end its process.
+#include "gates.h"
+#include "scenarios.h"
 
 #include "support/child.h"
 #include "support/handles.h"
@@ -10,9 +11,7 @@
 
 #include "thr/thr.h"
 
-#include <algorithm>
 #include <atomic>
-#include <csetjmp>
 #include <cstring>
 #include <map>
 #include <regex>
@@ -20,18 +19,15 @@
 #include <sstream>
 #include <thread>
 
-#include <assert.h>
 #include <io.h>
 
 #include <gtest/gtest.h>
 
-using namespace sweep;
-
 namespace
 {
 
-const DWORD PATIENCE = 60000; // milliseconds, for one run
-const size_t HANDLES = 96;    // looked at, more than a run ever has
+const DWORD PATIENCE_MS = 60000; // for one run
+const size_t HANDLES = 96;       // looked at; more than a run ever has
 
 // A run: which call of which gate is refused.
 struct Position {
@@ -48,16 +44,15 @@ struct Position {
             return {gate, nth, true};
         return {gate, nth + 1, false};
     }
+    std::string text() const
+    {
+        return std::to_string(gate) + " " + std::to_string(nth) + (onwards ? " 1" : " 0");
+    }
 };
 
 std::istream &operator>>(std::istream &stream, Position &position)
 {
     return stream >> position.gate >> position.nth >> position.onwards;
-}
-
-std::string text_of(const Position &at)
-{
-    return std::to_string(at.gate) + " " + std::to_string(at.nth) + (at.onwards ? " 1" : " 0");
 }
 
 // --- a child: it runs ---------------------------------------------------------------------------
@@ -75,127 +70,70 @@ void debug_hook(const char *, const char *, va_list)
     InterlockedIncrement(&run.traces);
 }
 
-// The end of a process costs the start of the next one, so most ends are only marked: the run is
-// left where it stands, with what it has, and its lock files are closed as the system would. Every
-// eighth end, and those of other threads or of the modes for single runs, are real.
-struct EndState {
-    bool may_jump;
-    DWORD thread;
-    int ends;
-    jmp_buf place;
-};
-EndState end_state;
-
-void mark_end(const char *end)
-{
-    if (!end_state.may_jump || GetCurrentThreadId() != end_state.thread ||
-        ++end_state.ends % 8 == 0)
-        return;
-    run.end = end;
-    reinterpret_cast<_JUMP_BUFFER *>(end_state.place)->Frame = 0; // nothing is unwound
-    longjmp(end_state.place, 1);
-}
-
-void act_to_its_end(const Scenario &scenario, const std::string &directory)
-{
-    if (setjmp(end_state.place) == 0)
-        scenario.act(directory);
-}
-
-void close_files(const std::string &directory)
-{
-    for (size_t i = 1; i <= HANDLES; ++i) {
-        HANDLE handle = reinterpret_cast<HANDLE>(i * 4);
-        char path[MAX_PATH];
-        DWORD length = GetFinalPathNameByHandleA(handle, path, sizeof path, FILE_NAME_NORMALIZED);
-        if (length && length < sizeof path && strstr(path, directory.c_str()))
-            CloseHandle(handle);
-    }
-}
-
-// Empties the scenario's folder of what nobody holds open; false when something is.
+// Empties the folder of what nobody holds open; false when something is.
 bool clear(const std::string &directory)
 {
     WIN32_FIND_DATAA entry;
     HANDLE search = FindFirstFileA((directory + "\\*").c_str(), &entry);
     bool is_clear = true;
     do {
+        std::string path = directory + "\\" + entry.cFileName;
         if (strcmp(entry.cFileName, ".") != 0 && strcmp(entry.cFileName, "..") != 0)
-            is_clear &= DeleteFileA((directory + "\\" + entry.cFileName).c_str()) ||
-                        RemoveDirectoryA((directory + "\\" + entry.cFileName).c_str());
+            is_clear &= DeleteFileA(path.c_str()) || RemoveDirectoryA(path.c_str());
     } while (FindNextFileA(search, &entry));
     FindClose(search);
     return is_clear;
 }
 
+// Runs a scenario and fills `run`.
 void act(const Scenario &scenario, const std::string &directory, Gate *gate, const Position &at)
 {
     char home[MAX_PATH];
     char now[MAX_PATH];
     GetCurrentDirectoryA(sizeof home, home);
-    LONG entered = balance().entered;
-    start_run(gate, at.nth, at.onwards);
-    act_to_its_end(scenario, directory);
-    bool is_told = run.reports || run.results || run.traces || run.end;
+    LONG entered = used.entered;
+    run = {};
+    refuse(gate, at.nth, at.onwards);
+    scenario.act(directory);
     GetCurrentDirectoryA(sizeof now, now);
     SetCurrentDirectoryA(home);
-    if (run.end)
-        close_files(directory);
-    bool is_clear = clear(directory);
-    if (run.fault)
-        return;
-    if (!is_clear)
+    bool is_told = run.reports || run.failures || run.traces;
+    std::string name = gate ? gate->name : "";
+    if (!clear(directory))
         run.fault = "a lock file is still held";
-    else if (!run.end && balance().entered != entered)
+    else if (used.entered != entered)
         run.fault = "a lock is still held";
-    else if (!run.end && strcmp(home, now) != 0 &&
-             !has_name("SetCurrentDirectoryW", gate ? gate->name : ""))
+    else if (name != "SetCurrentDirectoryW" && strcmp(home, now) != 0)
         run.fault = "another current directory";
     else if (refused_calls() == 0 && is_told)
         run.fault = "a failure without a refusal";
-    else if (refused_calls() != 0 && !is_told && !has_name(scenario.quiet, gate->name))
+    else if (refused_calls() != 0 && !is_told && !has_name(scenario.quiet, name))
         run.fault = "the refusal shows nowhere";
 }
 
-} // namespace
-
-void sweep::end_of_process(int status)
+// What is left, given what was in use before. A moment is given to threads that end.
+const char *left_over(const Balance &before, size_t handles, int stopped_threads)
 {
-    mark_end("ended by a report");
-    exit(status);
-}
-
-void sweep::end_by_assertion(const wchar_t *text, const wchar_t *file, unsigned line)
-{
-    mark_end("ended by an assertion");
-    _wassert(text, file, line);
-}
-
-namespace
-{
-
-// What two runs left, given what was in use before. A moment is given to threads that end.
-const char *left_behind(const Balance &before, size_t handles, int stopped_threads)
-{
-    for (int tries = 0;; ++tries) {
-        Balance now = balance();
-        const char *left = nullptr;
-        if (now.blocks - before.blocks > 2 * stopped_threads)
+    const char *left = nullptr;
+    for (int tries = 0; tries < 20; ++tries) {
+        left = nullptr;
+        if (used.blocks - before.blocks > 2 * stopped_threads)
             left = "heap blocks are left";
-        else if (now.sections - before.sections > stopped_threads)
+        else if (used.sections - before.sections > stopped_threads)
             left = "critical sections are left";
         else if (support::live_handle_count(HANDLES) > handles)
             left = "handles are left";
-        if (!left || tries == 20)
-            return left;
+        if (!left)
+            break;
         Sleep(20);
     }
+    return left;
 }
 
-// The arguments: scenario, its folder, mode, the three numbers of a position. Mode "hook" runs from
-// that position on, with a report hook; "first" runs it alone as the first of the process, and
-// "plain" runs it alone and without a hook.
-// It says "run" before a run; "report" and, at its end, "again" in one; "done" and "unmet" after it.
+// The arguments: scenario, its folder, mode, position. Mode "hook" makes all runs from there on,
+// with a report hook; "first" makes that one as the first of its process; "plain" makes that one
+// without a hook. It says "run" before a run; "report" and, at its end, "again" in one; "done",
+// "unmet" or "fault" after it; and "first" of gates that only the first run of a process calls.
 ROLE(sweep)
 {
     install_gates();
@@ -205,26 +143,23 @@ ROLE(sweep)
     const std::string &mode = args[2];
     Position at;
     std::istringstream(args[3]) >> at;
-    if (mode != "plain")
-        thr_set_report_func(hook);
+    thr_set_report_func(mode == "plain" ? nullptr : hook);
     thr_set_debug_func(debug_hook, 0);
-    end_state = {mode == "hook" && scenario.kind == Scenario::ENDS, GetCurrentThreadId(), 0, {}};
     atexit([] {
         if (was_called_again())
             support::say("again");
     });
-
     std::vector<LONG> calls(gates.size(), 1);
     for (int warm_up = mode == "first" ? 2 : 0; warm_up < 2; ++warm_up) {
         act(scenario, directory, nullptr, {});
+        for (size_t i = 0; i < gates.size(); ++i) {
+            if (warm_up == 1 && calls[i] > gates[i].calls)
+                support::say("first " + std::to_string(i));
+            calls[i] = gates[i].calls;
+        }
         if (run.fault) {
             support::say(std::string("fault ") + run.fault);
             return 0;
-        }
-        for (size_t i = 0; i < gates.size(); ++i) {
-            if (warm_up == 1 && mode == "hook" && calls[i] > gates[i].calls)
-                support::say("first " + std::to_string(i));
-            calls[i] = gates[i].calls;
         }
     }
     bool is_met = false;
@@ -233,28 +168,26 @@ ROLE(sweep)
         is_met = false;
         if (calls[at.gate] == 0)
             continue;
-        support::say("run " + text_of(at) + " " + gates[at.gate].name);
-        Balance before = balance();
+        support::say("run " + at.text() + " " + gates[at.gate].name);
+        Balance before = used;
         size_t handles = support::live_handle_count(HANDLES);
         act(scenario, directory, &gates[at.gate], at);
         is_met = refused_calls() != 0;
         is_called_again = was_called_again();
-        const Run refused = run;
-        if (scenario.kind != Scenario::SLOW || at.nth >= calls[at.gate])
+        const Run first = run;
+        if (!scenario.is_slow || at.nth >= calls[at.gate])
             act(scenario, directory, nullptr, {});
-        const char *fault = refused.fault ? refused.fault : run.fault;
-        if (!fault && mode == "hook" && !refused.end)
-            fault = left_behind(before, handles, refused.stopped_threads + run.stopped_threads);
+        const char *fault = first.fault ? first.fault : run.fault;
+        if (!fault && mode == "hook")
+            fault = left_over(before, handles, first.stopped_threads + run.stopped_threads);
         if (fault)
             support::say(std::string("fault ") + fault);
-        else if (!is_met)
-            support::say("unmet");
         else
-            support::say(std::string("done ") + (refused.end       ? refused.end
-                                                 : refused.reports ? "reported"
-                                                 : refused.results ? "failed"
-                                                 : refused.traces  ? "traced"
-                                                                   : "went on"));
+            support::say(!is_met ? "unmet"
+                                 : std::string("done ") + (first.reports    ? "reported"
+                                                           : first.failures ? "failed"
+                                                           : first.traces   ? "traced"
+                                                                            : "went on"));
         if (mode != "hook")
             return 0;
     }
@@ -265,8 +198,8 @@ ROLE(sweep)
 // --- the parent: it counts ----------------------------------------------------------------------
 
 struct Tally {
-    std::set<std::string> refused; // imports
-    int runs = 0;
+    std::set<std::string> imports;
+    int refusals = 0;
     std::map<std::string, int> outcomes;
     std::vector<std::string> faults;
 };
@@ -281,52 +214,32 @@ public:
         Position at = {0, 1, false};
         while (run_child("hook", at)) {
         }
-        for (Position first : m_first) {
-            do {
-                at = first;
-                run_child("first", at);
-                ++first.nth;
-            } while (m_is_met);
+        for (size_t gate : m_first) {
+            for (LONG nth = 1; nth == 1 || m_is_met; ++nth)
+                run_child("first", at = {gate, nth, false});
         }
-        for (auto &[report, position] : m_reports)
-            run_child("plain", at = position);
+        for (auto &report : m_reports)
+            run_child("plain", at = report.second);
     }
 
 private:
-    // The child's next line; none at its end. A process that it left may hold its output open.
-    static std::optional<std::string> next_line(support::Child &child)
-    {
-        for (DWORD waited = 0; waited < PATIENCE; waited += 200) {
-            bool has_ended = child.wait(0).has_value();
-            std::optional<std::string> line = child.read_line(has_ended ? 0 : 200);
-            if (line || has_ended)
-                return line;
-        }
-        return std::nullopt;
-    }
-
-    // Runs a child from `at` on, which becomes the position to go on from. False at the end.
+    // Runs a child from `at` on. False at the end of all its runs; else `at` is the next run.
     bool run_child(const std::string &mode, Position &at)
     {
         support::Child child("sweep",
-                             {std::to_string(m_scenario), m_directory.path(), mode, text_of(at)});
+                             {std::to_string(m_scenario), m_directory.path(), mode, at.text()});
         child.close_stdin();
-        std::string output;
-        std::string name;
-        std::string report;
-        bool is_running = false;
-        bool is_called_again = false;
-        m_is_met = false;
-        bool is_over = false;
+        std::string name, report, output;
         DWORD started = 0;
+        bool is_over = false, is_running = false, is_called_again = false;
+        m_is_met = false;
         while (auto line = is_over ? std::nullopt : next_line(child)) {
             std::istringstream words(*line);
-            std::string word;
-            std::string rest;
-            words >> word;
-            if (word == "run") {
+            std::string word, rest;
+            if (words >> word; word == "run") {
                 words >> at >> name;
-                output = report = "";
+                report = output = "";
+                started = 0;
                 is_running = true;
                 is_called_again = false;
                 continue;
@@ -336,44 +249,60 @@ private:
                 report = rest;
             else if (word == "again")
                 is_called_again = true;
-            else if (word == "first" && m_tally.runs == 0)
-                m_first.push_back({std::stoul(rest), 1, false});
             else if (word == "started")
                 started = std::stoul(rest);
-            else if (word == "end")
-                is_over = true;
-            else if (word == "done" || word == "fault" || word == "unmet") {
-                if (word == "done")
-                    count(name, rest, report, at);
-                else if (word == "fault")
-                    fault(name, at, rest);
+            else if (word == "first" && mode == "hook" && m_tally.refusals == 0)
+                m_first.push_back(std::stoul(rest));
+            else if (word == "done")
+                count(name, rest, report, at);
+            else if (word == "fault")
+                fault(name, at, rest);
+            else
+                output += *line + "\n";
+            if (word == "done" || word == "fault" || word == "unmet") {
                 is_running = false;
                 is_over = mode != "hook" || name.empty();
-            } else
-                output += *line + "\n";
+            }
+            is_over = is_over || word == "end";
         }
-        std::optional<int> status = child.wait(PATIENCE);
-        if (HANDLE left = OpenProcess(PROCESS_TERMINATE, FALSE, is_running ? started : 0)) {
-            TerminateProcess(left, 1); // the library ended while its child was suspended
-            CloseHandle(left);
-        }
-        if (is_over)
+        std::optional<int> status = child.wait(PATIENCE_MS);
+        end_process_left(is_running ? started : 0);
+        if (is_over && status)
             return false;
         if (!status)
             fault(name, at, "it hangs");
-        else if (!is_running)
-            fault(name, at, "the child ended without a word, status " + std::to_string(*status));
-        else if (*status == -1 && (!report.empty() || is_report(output)))
+        else if (is_running && *status == -1 && (!report.empty() || is_report(output)))
             count(name, "ended by a report", report, at);
-        else if (*status == 3 && output.find("Assertion failed") != std::string::npos)
+        else if (is_running && *status == 3 && output.find("Assertion failed") != output.npos)
             count(name, "ended by an assertion", "", at);
         else
             fault(name, at, "ended with status " + std::to_string(*status) + ": " + output);
         at = at.next(true, is_called_again);
-        return is_running;
+        return is_running && mode == "hook";
     }
 
-    // Whether a text holds exactly one report as it is made without a hook.
+    // The child's next line, none at its end. A process that it left may hold its output open.
+    static std::optional<std::string> next_line(support::Child &child)
+    {
+        for (DWORD waited = 0; waited < PATIENCE_MS; waited += 200) {
+            bool has_ended = child.wait(0).has_value();
+            std::optional<std::string> line = child.read_line(has_ended ? 0 : 200);
+            if (line || has_ended)
+                return line;
+        }
+        return std::nullopt;
+    }
+
+    // A report that ends the process in the middle of a creation leaves the new child suspended.
+    static void end_process_left(DWORD id)
+    {
+        if (HANDLE process = id ? OpenProcess(PROCESS_TERMINATE, FALSE, id) : nullptr) {
+            TerminateProcess(process, 1);
+            CloseHandle(process);
+        }
+    }
+
+    // Whether a text holds one report, whole, as it is made without a hook.
     static bool is_report(const std::string &text)
     {
         static const std::regex shape(
@@ -387,8 +316,8 @@ private:
                const Position &at)
     {
         m_is_met = true;
-        m_tally.refused.insert(name);
-        m_tally.runs++;
+        m_tally.imports.insert(name);
+        m_tally.refusals++;
         m_tally.outcomes[outcome]++;
         if (!report.empty())
             m_reports.emplace(name + report, at);
@@ -396,27 +325,28 @@ private:
 
     void fault(const std::string &name, const Position &at, const std::string &what)
     {
-        m_tally.faults.push_back(name + " " + text_of(at) + ": " + what);
+        m_tally.faults.push_back(name + ", call " + std::to_string(at.nth) +
+                                 (at.onwards ? " and on: " : ": ") + what);
     }
 
     size_t m_scenario;
     Tally &m_tally;
     support::ScratchDir m_directory;
-    std::vector<Position> m_first;             // imports that only a process's first run calls
-    std::map<std::string, Position> m_reports; // where each was made first
+    std::vector<size_t> m_first;
+    std::map<std::string, Position> m_reports; // where an import's refusal made it first
     bool m_is_met = false;
 };
 
-void print(const std::string &name, const Tally &tally)
+void print(const char *name, const Tally &tally)
 {
-    printf("%-12s %3u imports, %4d refusals:", name.c_str(), (unsigned)tally.refused.size(),
-           tally.runs);
+    std::ostringstream text;
+    text << name << ": " << tally.imports.size() << " imports, " << tally.refusals << " refusals";
     for (auto &[outcome, count] : tally.outcomes)
-        printf(" %s %d,", outcome.c_str(), count);
-    printf(" faults %u\n", (unsigned)tally.faults.size());
+        text << ", " << count << " " << outcome;
+    text << ", " << tally.faults.size() << " faults\n";
     for (const std::string &fault : tally.faults)
-        printf("    %s\n", fault.c_str());
-    fflush(stdout);
+        text << "    " << fault << "\n";
+    fputs(text.str().c_str(), stdout);
 }
 
 TEST(RefusalSweep, survives_every_refusal)
@@ -424,33 +354,31 @@ TEST(RefusalSweep, survives_every_refusal)
     std::vector<Tally> tallies(scenarios.size());
     std::atomic<size_t> next(0);
     auto work = [&] {
-        for (size_t i = next++; i < scenarios.size(); i = next++) {
-            if (const char *only = getenv("THR_SWEEP_ONLY");
-                only && strcmp(only, scenarios[i].name))
-                continue;
-            DWORD start = GetTickCount();
+        for (size_t i = next++; i < scenarios.size(); i = next++)
             Sweep(i, tallies[i]).run_all();
-            print(scenarios[i].name, tallies[i]);
-            printf("%lu ms\n", GetTickCount() - start);
-        }
     };
     std::thread other(work);
     work();
     other.join();
     Tally total;
-    for (const Tally &tally : tallies) {
-        total.refused.insert(tally.refused.begin(), tally.refused.end());
-        total.runs += tally.runs;
+    for (size_t i = 0; i < scenarios.size(); ++i) {
+        Tally &tally = tallies[i];
+        print(scenarios[i].name, tally);
+        total.imports.insert(tally.imports.begin(), tally.imports.end());
+        total.refusals += tally.refusals;
         for (auto &[outcome, count] : tally.outcomes)
             total.outcomes[outcome] += count;
         total.faults.insert(total.faults.end(), tally.faults.begin(), tally.faults.end());
     }
+    std::vector<std::string> unknown = install_gates();
     print("total", total);
     EXPECT_TRUE(total.faults.empty());
-    for (const std::string &name : install_gates())
+#ifdef __OPTIMIZE__ // without inlining the library imports more of the C++ runtime
+    for (const std::string &name : unknown)
         ADD_FAILURE() << name << " is neither refused nor excused";
+#endif
     for (const Gate &gate : gates)
-        EXPECT_EQ(total.refused.count(gate.name), 1u) << gate.name << " is called in no scenario";
+        EXPECT_EQ(total.imports.count(gate.name), 1u) << gate.name << " is called in no scenario";
 }
 
 } // namespace
