@@ -12,7 +12,8 @@ execute_process(COMMAND x86_64-w64-mingw32-g++-posix -print-file-name=include
                 OUTPUT_VARIABLE thr_gcc_include OUTPUT_STRIP_TRAILING_WHITESPACE)
 get_filename_component(thr_gcc_dir ${thr_gcc_include} DIRECTORY)
 set(thr_libstdcxx ${thr_gcc_dir}/include/c++)
-set(CMAKE_CXX_FLAGS_INIT "-nostdinc++ -isystem ${thr_libstdcxx} \
+# GCC's runtime keeps its thread-local variables in GCC's own way.
+set(CMAKE_CXX_FLAGS_INIT "-femulated-tls -nostdinc++ -isystem ${thr_libstdcxx} \
 -isystem ${thr_libstdcxx}/x86_64-w64-mingw32 -isystem ${thr_libstdcxx}/backward")
 foreach(kind EXE SHARED MODULE)
   set(CMAKE_${kind}_LINKER_FLAGS_INIT "-fuse-ld=lld -L${thr_gcc_dir} \
