@@ -1,5 +1,6 @@
 #include "gates.h"
 
+#include "support/heap.h"
 #include "support/import_patch.h"
 
 #include <cstdlib>
@@ -23,7 +24,8 @@ struct Rule {
     LONG step;
 };
 
-std::vector<Gate> gates;
+// Never released: calls pass the gates until the process has gone.
+std::vector<Gate> &gates = *new std::vector<Gate>;
 Balance used;
 
 namespace
@@ -122,7 +124,7 @@ void counted_free(void *block)
 {
     if (block)
         InterlockedDecrement(&used.blocks);
-    free(block);
+    support::checked_free(block);
 }
 
 BOOL WINAPI counted_try_enter(CRITICAL_SECTION *section)

@@ -16,7 +16,7 @@ struct Gate {
     void *target; // where a call goes that is not refused
     volatile LONG calls;
 };
-extern std::vector<Gate> gates;
+extern std::vector<Gate> &gates;
 
 Gate &gate_of(const std::string &name);
 
