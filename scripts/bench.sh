@@ -27,33 +27,9 @@ done
 
 build=$root/build/windows
 
-stop_wine()
-{
-    trap - EXIT
-    "$wineserver" -k 2>/dev/null || true
-}
-
-# A prefix of its own, so that the server which is ended afterwards serves this run alone.
-start_wine()
-{
-    use_prefix "$build/bench-wine"
-    if [ ! -e "$WINEPREFIX/.ready" ]; then
-        rm -rf "$WINEPREFIX"
-        cp -a "$root/build/wine" "$WINEPREFIX"
-    fi
-    trap stop_wine EXIT
-    trap 'exit 130' INT
-    trap 'exit 143' TERM HUP
-    "$wineserver" -k 2>/dev/null || true # left by a run that was killed
-    "$wineserver" -w
-    "$wineserver" -p </dev/null >/dev/null 2>&1
-    # The services that Wine starts with its first program must not hold this script's output open.
-    "$wine" cmd /c exit </dev/null >/dev/null 2>&1 || die "Wine does not run: see build/wine.log"
-}
-
 run_bench()
 {
-    start_wine
+    start_wine "$build/bench-wine"
     cd "$build"
     say "measuring on $(nproc) processors, load $(cut -d ' ' -f 1-3 /proc/loadavg)"
     # Through a pipe: on a terminal Wine would start its own console and repaint it.

@@ -59,7 +59,5 @@ step clang-format check_format
 step "second compiler (preset windows-clang)" build_preset windows-clang
 step cppcheck check_cppcheck
 step clang-tidy check_tidy
-# without the refusal sweep and the random paths: minutes of their own, which scripts/test.sh spends
-step "undefined behaviour (preset windows-ubsan)" scripts/test.sh --preset windows-ubsan \
-    --filter '-RefusalSweep.*:RandomPaths.*'
+step "undefined behaviour (preset windows-ubsan)" scripts/test.sh --preset windows-ubsan
 say "all checks passed"

@@ -54,3 +54,30 @@ use_prefix()
     export WINEPREFIX=$1 WINEARCH=win64 WINEDEBUG=${WINEDEBUG:--all} DISPLAY=
     export WINEDLLOVERRIDES=mscoree,mshtml,winedbg.exe=
 }
+
+# start_wine PREFIX: makes Wine use a copy of build/wine in which this script's programs are alone,
+# and keeps its server up until stop_wine, or the script's end.
+start_wine()
+{
+    use_prefix "$1"
+    if [ ! -e "$WINEPREFIX/.ready" ]; then
+        rm -rf "$WINEPREFIX"
+        cp -a "$root/build/wine" "$WINEPREFIX"
+    fi
+    trap stop_wine EXIT
+    trap 'exit 130' INT
+    trap 'exit 143' TERM HUP
+    "$wineserver" -k 2>/dev/null || true # left by a run that was killed
+    "$wineserver" -w
+    "$wineserver" -p </dev/null >/dev/null 2>&1
+    # The services that Wine starts with its first program must not hold this script's output open.
+    "$wine" cmd /c exit </dev/null >/dev/null 2>&1 || die "Wine does not run: see build/wine.log"
+}
+
+# A program that the script runs in the background has its id in program_pid.
+stop_wine()
+{
+    trap - EXIT
+    [ -z "${program_pid-}" ] || kill "$program_pid" 2>/dev/null || true
+    "$wineserver" -k 2>/dev/null || true
+}

@@ -30,30 +30,13 @@ passed=0 failed=0 skipped=0
 summary=()
 program_pid=
 
-stop_wine()
+# The preset's own prefix. Its heaps check each block's tail (0x10), and that a free one stays as it
+# is (0x20).
+start_wine_for_tests()
 {
-    trap - EXIT
-    [ -z "$program_pid" ] || kill "$program_pid" 2>/dev/null || true
-    "$wineserver" -k 2>/dev/null || true
-}
-
-# The preset's own prefix, so that the server which is ended afterwards serves this run alone.
-start_wine()
-{
-    use_prefix "$build/wine"
-    if [ ! -e "$WINEPREFIX/.ready" ]; then
-        rm -rf "$WINEPREFIX"
-        cp -a "$root/build/wine" "$WINEPREFIX"
-    fi
-    trap stop_wine EXIT
-    trap 'exit 130' INT
-    trap 'exit 143' TERM HUP
-    "$wineserver" -k 2>/dev/null || true # left by a run that was killed
-    "$wineserver" -w
-    "$wineserver" -p </dev/null >/dev/null 2>&1
-    # the heaps check each block's tail (0x10), and that a free one stays as it is (0x20)
+    start_wine "$build/wine"
     "$wine" reg add 'HKLM\System\CurrentControlSet\Control\Session Manager' /v GlobalFlag \
-        /t REG_DWORD /d 0x30 /f </dev/null >/dev/null 2>&1 || die "Wine does not run"
+        /t REG_DWORD /d 0x30 /f </dev/null >/dev/null 2>&1 || die "Wine has no registry"
 }
 
 # The number in a program's last line that begins with this bracketed word, else 0.
@@ -114,7 +97,7 @@ run_programs()
     [ ${#programs[@]} -ne 0 ] || die "no test program is registered in tests/CMakeLists.txt"
     rm -rf "$logs"
     mkdir -p "$logs"
-    start_wine
+    start_wine_for_tests
     for program in "${programs[@]}"; do
         run_program "$program"
     done

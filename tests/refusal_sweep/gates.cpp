@@ -87,7 +87,7 @@ const Rule RULES[] = {
      "_ZSt20__throw_length_errorPKc _ZSt24__throw_out_of_range_fmtPKcz "
      // They are data.
      "_ZTVN10__cxxabiv117__class_type_infoE _ZTVN10__cxxabiv120__si_class_type_infoE "
-     "_ZTVSt9bad_alloc",
+     "_ZTVSt9bad_alloc _ZTVSt9exception",
      NONE, 0, nullptr, 0},
 };
 const Rule RUNTIME_ALLOCATION = {"", NONE, 0, &used.blocks, 1};
