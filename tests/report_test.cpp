@@ -1,6 +1,6 @@
-// The reporting frame as a host meets it. The affinity mask serves as the refused call, a null
-// mutex as the broken precondition and a refused thread variable as the debug message.
+// The reporting frame, through the library's objects: most of it is not exported.
 #include "thr/thr.h"
+#include "thr/thr_report.h"
 
 #include "support/child.h"
 #include "support/import_patch.h"
@@ -9,103 +9,159 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
-#include <windows.h>
-
 using namespace support;
 
 namespace
 {
 
-const char ACTION[] = "set the process' CPU affinity mask";
-const char API[] = "GetProcessAffinityMask(GetCurrentProcess(), &proc_mask, &sys_mask)";
+const HMODULE OWN = GetModuleHandleA(nullptr);
 
-thread_local DWORD code_of_thread = ERROR_ACCESS_DENIED;
-
-BOOL WINAPI refused_get_mask(HANDLE, DWORD_PTR *, DWORD_PTR *)
+void report(const char *action, const char *os_message, int is_warning)
 {
-    SetLastError(code_of_thread);
-    return FALSE;
+    thr_report_os_failure("Os", "Take advice", "Call(x)", -7, os_message, action, "some/file.cpp",
+                          21, is_warning);
 }
 
-void print_report(const char *message, const char *sub_system, const char *file, int line)
+void report_with_code(DWORD code)
 {
-    fprintf(stderr, "hook: %s|%s|%s|%d\n", message, sub_system, file, line > 0);
+    SetLastError(code);
+    thr_report_win32_failure("do it", "Call(x)", "some/file.cpp", 21, 0);
 }
 
-void say_goodbye()
+// --- texts --------------------------------------------------------------------------------------
+
+TEST(OsFailureReport, HasItsValuesInTheirPlaces)
 {
-    fprintf(stderr, "goodbye\n");
+    ReportRecorder reports;
+    report("do it", nullptr, 0);
+    report("do it", "50%s full", 0);
+    const std::string head =
+        "OS Failure: Os could not do it\n\n"
+        "Velkora requested that Os do it, but Os could not do so.\n"
+        "Please report the full text of this message to Orvex so we can investigate its causes.\n"
+        "In the meantime, you may wish to take the following steps to work around the problem:\n"
+        "   * Disable parallel compilation if it is enabled\n"
+        "   * Ensure you have sufficient memory to run Velkora.\n"
+        "   * Take advice\n\n"
+        "Technical details:\n"
+        "   * API: Call(x)\n"
+        "   * OS code: -7 ";
+    EXPECT_EQ(reports.take_messages(),
+              (std::vector<std::string>{head + "(no additional information available)\n",
+                                        head + "(50%s full)\n"}));
 }
 
-// --- reports ------------------------------------------------------------------------------------
+TEST(OsFailureReport, IsCutAt32767Characters)
+{
+    ReportRecorder reports;
+    report("do it", "", 0);
+    const size_t without_message = reports.take_messages().at(0).size();
+    for (size_t whole : {32767, 32768}) {
+        report("do it", std::string(whole - without_message, 'm').c_str(), 0);
+        const std::string text = reports.take_messages().at(0);
+        EXPECT_EQ(text.size(), 32767u);
+        EXPECT_EQ(text.substr(32763), whole == 32767 ? "mm)\n" : "mmm)");
+    }
+}
+
+// What the system gives for the full buffer size, and for one unit less.
+std::string words_at_full_size, words_at_less;
+
+DWORD scripted_format_message(DWORD, LPCVOID, DWORD, DWORD, LPSTR buffer, DWORD size)
+{
+    SetLastError(ERROR_INVALID_PARAMETER);
+    strcpy(buffer, (size == 32768 ? words_at_full_size : words_at_less).c_str());
+    return static_cast<DWORD>(strlen(buffer));
+}
+
+TEST(Win32Failure, ShowsTheSystemsWordsWithoutTheirLineBreak)
+{
+    const char *const cases[][3] = {{"Access denied.\r\n", "no", "Access denied."},
+                                    {"\r\n", "no", ""},
+                                    {"", "Access denied.\r\n", "Access denied."},
+                                    {"x", "", "no additional information available"}};
+    ReportRecorder reports;
+    ImportPatch patch("FormatMessageA", &scripted_format_message, OWN);
+    for (auto &[full_size, less, shown] : cases) {
+        words_at_full_size = full_size;
+        words_at_less = less;
+        report_with_code(0x80000005);
+        const std::string text = reports.take_messages().at(0);
+        EXPECT_EQ(text.substr(text.rfind("OS")),
+                  "OS code: -2147483643 (" + std::string(shown) + ")\n");
+    }
+}
+
+TEST(Warning, GoesToTheDebugChannelAlone)
+{
+    ReportRecorder reports;
+    report("pass unseen", nullptr, 1);
+    DebugRecorder debug;
+    report("do 100%s of it", "words", 1);
+    const std::string text = debug.take().at(0);
+    EXPECT_EQ(text.substr(0, text.find('\n')), "OS Warning: Os could not do 100%s of it");
+    EXPECT_EQ(text.substr(text.rfind('(')), "(words)\nWarning location: some/file.cpp:21\n");
+    report(std::string(40000, 'a').c_str(), "words", 1);
+    EXPECT_EQ(debug.take().at(0).substr(32767), "Warning location: some/file.cpp:21\n");
+    EXPECT_TRUE(reports.take().empty());
+}
+
+// --- hooks --------------------------------------------------------------------------------------
 
 TEST(ReportDeathTest, WithoutAHookIsPrintedAndEndsTheProcessThroughExit)
 {
-    EXPECT_EXIT(
-        {
-            atexit(say_goodbye);
-            thr_set_report_func(print_report);
-            thr_set_report_func(nullptr);
-            ImportPatch patch("GetProcessAffinityMask", &refused_get_mask);
-            thr_get_cpu_affinity_mask();
-        },
-        testing::ExitedWithCode(-1),
-        "^" + literal_regex(os_failure_text(ACTION, API, ERROR_ACCESS_DENIED)) +
-            "\nLocation: thr/thr_thread\\.cpp:\\d+\ngoodbye\n$");
+    auto report_after_a_hook = [] {
+        atexit([] { fputs("goodbye\n", stderr); });
+        thr_set_report_func([](auto...) { fputs("hook\n", stderr); });
+        thr_set_report_func(nullptr);
+        report_with_code(ERROR_ACCESS_DENIED);
+    };
+    EXPECT_EXIT(report_after_a_hook(), testing::ExitedWithCode(-1),
+                "^" + literal_regex(os_failure_text("do it", "Call(x)", ERROR_ACCESS_DENIED)) +
+                    "\nLocation: some/file\\.cpp:21\ngoodbye\n$");
 }
 
-TEST(ReportDeathTest, AnInternalErrorGoesToTheHookAndEndsTheProcessAllTheSame)
-{
-    EXPECT_EXIT(
-        {
-            thr_set_report_func(print_report);
-            thr_mutex_lock(nullptr);
-        },
-        testing::ExitedWithCode(-1), "^hook: mutex != 0\\|THR\\|thr/thr_mutex\\.cpp\\|1\n$");
-}
+thread_local DWORD code_of_thread;
+std::atomic<int> reports_in_hook, own_reports;
 
 // Two threads stand in the hook at once before either looks at its report.
-LONG reports_in_hook;
-std::atomic<int> own_reports;
-
 void compare_when_both_report(const char *message, const char *, const char *, int)
 {
-    InterlockedIncrement(&reports_in_hook);
-    for (int tries = 0; tries < 10000 && InterlockedOr(&reports_in_hook, 0) < 2; ++tries)
+    ++reports_in_hook;
+    for (int tries = 0; tries < 10000 && reports_in_hook < 2; ++tries)
         Sleep(1);
-    own_reports += message == os_failure_text(ACTION, API, code_of_thread);
+    own_reports += message == os_failure_text("do it", "Call(x)", code_of_thread);
 }
 
-TEST(Report, OfAnOsFailureGoesToTheHookAndReturnsOnThreadsAtOnce)
+TEST(Report, GoesToTheHookAndReturnsOnThreadsAtOnce)
 {
-    ImportPatch patch("GetProcessAffinityMask", &refused_get_mask);
+    reports_in_hook = own_reports = 0;
     thr_set_report_func(compare_when_both_report);
     std::vector<std::thread> threads;
-    for (DWORD code : {ERROR_ACCESS_DENIED, ERROR_ALREADY_EXISTS}) {
-        threads.emplace_back([code] {
-            code_of_thread = code;
-            EXPECT_EQ(thr_get_cpu_affinity_mask(), 0u);
-        });
-    }
+    for (DWORD code : {ERROR_ACCESS_DENIED, ERROR_ALREADY_EXISTS})
+        threads.emplace_back([code] { report_with_code(code_of_thread = code); });
     for (std::thread &thread : threads)
         thread.join();
     thr_set_report_func(nullptr);
-    EXPECT_EQ(reports_in_hook, 2);
     EXPECT_EQ(own_reports, 2);
 }
 
-// --- debug channel ------------------------------------------------------------------------------
-
-DWORD WINAPI refused_tls_alloc()
+TEST(Report, AllocatesNothing)
 {
-    SetLastError(ERROR_NO_MORE_ITEMS);
-    return TLS_OUT_OF_INDEXES;
+    static bool is_reported;
+    RefusedMalloc heap(1, OWN);
+    thr_set_report_func([](auto...) { is_reported = true; });
+    thr_check_win32_handle(nullptr, "do it", "Call(x)", "f", 1, 0);
+    thr_set_report_func(nullptr);
+    EXPECT_TRUE(is_reported);
+    EXPECT_FALSE(heap.happened());
 }
 
 void print_debug(const char *sub_system, const char *format, va_list args)
@@ -115,21 +171,15 @@ void print_debug(const char *sub_system, const char *format, va_list args)
     printf("\n");
 }
 
-const struct {
-    THR_DEBUG_FUNC hook;
-    int fake_debug;
-    std::string start;
-} DEBUG_STEPS[] = {{nullptr, 0, ""},           {print_debug, 0, "hook"},
-                   {nullptr, 0, ""},           {nullptr, 2, "Fake Debug"},
-                   {nullptr, 0, "Fake Debug"}, {print_debug, 0, "hook"}};
-
 ROLE(debug_channel)
 {
-    ImportPatch patch("TlsAlloc", &refused_tls_alloc);
-    for (auto &step : DEBUG_STEPS) {
+    const struct {
+        THR_DEBUG_FUNC hook;
+        int fake_debug;
+    } steps[] = {{nullptr, 0}, {print_debug, 0}, {nullptr, 2}, {nullptr, 0}, {print_debug, 0}};
+    for (auto &step : steps) {
         thr_set_debug_func(step.hook, step.fake_debug);
-        THR_THREAD_VAR var;
-        thr_thread_var_init(&var);
+        thr_debug_message("%s %d", "word", 7);
         say("done");
     }
     return 0;
@@ -138,14 +188,25 @@ ROLE(debug_channel)
 TEST(DebugChannel, GoesToTheHookElseToFakeDebugElseNowhere)
 {
     Child child("debug_channel");
-    for (auto &step : DEBUG_STEPS) {
-        if (!step.start.empty()) {
-            EXPECT_EQ(child.read_line(),
-                      step.start + ": THR: thr_thread_var_init() failed with error code 259");
-        }
-        EXPECT_EQ(child.read_line(), "done");
-    }
+    for (const char *line : {"done", "hook: THR: word 7", "done", "Fake Debug: THR: word 7", "done",
+                             "Fake Debug: THR: word 7", "done", "hook: THR: word 7", "done"})
+        EXPECT_EQ(child.read_line(), line);
     EXPECT_EQ(child.wait(), 0);
+}
+
+// --- the debugger -------------------------------------------------------------------------------
+
+std::string told_debugger;
+
+TEST(Debugger, IsToldAndStoppedIn)
+{
+    ImportPatch tell(
+        "OutputDebugStringA", +[](const char *text) { told_debugger += text; }, OWN);
+    ImportPatch stop(
+        "DebugBreak", +[] { told_debugger += "stop"; }, OWN);
+    thr_win32_output_debug_string("text ");
+    thr_debug_break();
+    EXPECT_EQ(told_debugger, "text stop");
 }
 
 } // namespace
