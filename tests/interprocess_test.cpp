@@ -166,7 +166,8 @@ TEST(LockFile, IsHeldByOneTakerUntilItIsClosed)
     EXPECT_EQ(thr_ip_lock_file_create(file.c_str(), &error), THR_BAD_FILE_HANDLE);
     EXPECT_EQ(error, EEXIST);
     EXPECT_TRUE(thr_ip_lock_file_is_held(file.c_str()));
-    EXPECT_TRUE(there(file)) << "the others left the holder's file alone";
+    EXPECT_FALSE(DeleteFileA(file.c_str())) << "nothing is shared with the others";
+    EXPECT_TRUE(there(file));
     thr_ip_lock_file_close(file.c_str(), held);
     EXPECT_FALSE(there(file));
     make_file(file);

@@ -268,7 +268,9 @@ ROLE(has_children)
                                 {child.handle, child.job},
                                 {free.hProcess, own_job}})
         support::say(is_in_job(process, job) ? "in" : "out");
-    return TerminateProcess(free.hProcess, 0) ? 0 : 1;
+    // The child ends by itself: a console host of one that is killed at its start may stay, and
+    // would hold our own output open.
+    return child.end() == 7 && TerminateProcess(free.hProcess, 0) ? 0 : 1;
 }
 
 TEST(ProcessJob, IsNamedByTheChildWhoseChildrenStayAndMayBreakAway)
