@@ -162,6 +162,9 @@ TEST(Dll, AThousandLoadsLeaveNothing)
         HMODULE thr = LoadLibraryA("thr.dll");
         ASSERT_NE(main_id_of_dll(), nullptr);
         ASSERT_EQ(OF_DLL(thr_thread_self)(), main_id_of_dll());
+        ASSERT_EQ(OF_DLL(is_thr_loaded)(), 0);
+        OF_DLL(thr_drl_init)();
+        ASSERT_EQ(OF_DLL(is_thr_loaded)(), 1);
         OF_DLL(thr_drl_find_function)(nullptr, "no_such_function");
         FreeLibrary(thr);
         ASSERT_EQ(GetModuleHandleA("thr.dll"), nullptr);

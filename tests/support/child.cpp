@@ -124,7 +124,9 @@ Child::Child(const std::string &role, const RoleArgs &args, const std::string &p
 
 Child::~Child()
 {
-    kill();
+    close_stdin();
+    if (!wait(100))
+        kill();
     for (HANDLE handle : {m_stdin, m_stdout, m_process.hThread, m_process.hProcess})
         CloseHandle(handle);
 }

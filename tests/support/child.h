@@ -63,7 +63,7 @@ public:
     // Throws when the process can't be started, after a few tries.
     explicit Child(const std::string &role, const RoleArgs &args = {},
                    const std::string &program = own_program());
-    // Ends the process if it still runs.
+    // Lets the process end by itself at the end of its input; ends one that does not at once.
     ~Child();
     Child(const Child &) = delete;
     Child &operator=(const Child &) = delete;
