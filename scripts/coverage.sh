@@ -26,6 +26,7 @@ make_listings()
     (cd "$listings" && find "$build/thr" -name '*.gcda' -exec \
         x86_64-w64-mingw32-gcov-posix --branch-probabilities --relative-only {} +) \
         >"$build/gcov.log" 2>&1 || die "gcov failed: see build/windows-coverage/gcov.log"
+    compgen -G "$listings/*.gcov" >/dev/null || die "there are no counters of thr/"
 }
 
 # A line of several functions, as a template's, is listed for each: it counts as executed when it is

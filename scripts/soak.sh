@@ -11,22 +11,26 @@ case ${1-} in
 -h | --help) usage && exit ;;
 esac
 seconds=${1:-20} seed=${2:-$RANDOM}
+build=$root/build/windows
 [[ "$seconds$seed" =~ ^[0-9]+$ && $seconds -gt 0 ]] || die "SECONDS and SEED are numbers (see --help)"
 
+# A worker that dies while it starts a child leaves that suspended: it ends with the Wine server.
 run_soak()
 {
-    use_prefix "$root/build/wine"
-    # The services that Wine starts with its first program must not hold this script's output open.
-    "$wine" cmd /c exit </dev/null >/dev/null 2>&1 || die "Wine does not run: see build/wine.log"
-    say "soak of $seconds seconds"
-    local log=$root/build/soak.log status=0
+    local log=$build/soak.log status=0
+    start_wine "$build/wine"
+    say "soak of $seconds seconds, seed $seed"
     # Into a file: a console host may hold an output open after its program has ended.
-    timeout -k 10 $((seconds + 120)) "$wine" "$root/build/windows/bin/soak.exe" "$seconds" "$seed" \
-        </dev/null >"$log" 2>&1 || status=$?
+    timeout -k 10 $((seconds + 120)) "$wine" "$build/bin/soak.exe" "$seconds" "$seed" \
+        </dev/null >"$log" 2>&1 &
+    program_pid=$!
+    wait $program_pid || status=$?
+    program_pid=
+    stop_wine
     sed 's/\r$//' "$log"
-    [ $status -eq 0 ] || die "the soak failed with status $status: see build/soak.log"
+    [ $status -eq 0 ] || die "the soak failed with status $status: see ${log#"$root/"}"
 }
 
 "$root/scripts/setup.sh"
 build_preset windows soak
-with_lock soak run_soak
+with_lock windows-tests run_soak # whose prefix it uses

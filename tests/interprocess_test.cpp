@@ -81,6 +81,7 @@ TEST(PidActive, GoesByTheExitCode)
         // This process has the ended one open, so that its id is still its own.
         EXPECT_EQ(thr_is_pid_active(child.pid()), is_active) << code;
     }
+    EXPECT_TRUE(thr_is_pid_active(GetCurrentProcessId()));
     EXPECT_FALSE(thr_is_pid_active(0xFFFFFFF0));
 }
 

@@ -204,6 +204,7 @@ TEST(Files, AreWrittenFoundAndRemovedUnderAnyName)
     EXPECT_EQ(_close(descriptor), 0);
     EXPECT_EQ(create(), -1) << "it is there";
     struct _stat64i32 record;
+    EXPECT_EQ(thr_osi_stat(nullptr, &record), -1);
     EXPECT_EQ(thr_osi_stat(file.c_str(), &record), 0);
     EXPECT_EQ(record.st_mode & 0xC000, 0x8000);
     EXPECT_EQ(record.st_size, 2);

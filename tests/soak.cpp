@@ -21,18 +21,18 @@ namespace
 enum { WORKERS = 4, HANDLES = 256, KILLED = 77 };
 enum Hold : LONG { NOTHING, MUTEX, READ, WRITE };
 
-// Of all processes. A worker has a slot; `life` changes when the one before has died.
+// Of all processes. A worker has a slot.
 struct Shared {
     volatile LONG must_stop;
     volatile LONG locks;
     volatile LONG operations;
     volatile LONG children;
     volatile LONG violations;
-    volatile LONG grown_handles; // those of workers, from their first operations to their end
-    volatile LONG grown_blocks;
     struct Slot {
-        volatile LONG life;
-        volatile LONG hold;
+        volatile LONG state; // 4 for each worker that has died in it, and the present one's hold
+        LONG measured_operations; // read after its end
+        LONG grown_handles;       // the most in that time
+        LONG grown_blocks;
     } slots[WORKERS];
 };
 Shared *shared;
@@ -67,25 +67,25 @@ bool excludes(LONG mine, LONG other)
 // which the parent finds out soon.
 void check_hold(int own, Hold hold)
 {
-    shared->slots[own].hold = hold;
-    MemoryBarrier();
+    volatile LONG &state = shared->slots[own].state;
+    const LONG idle = state;
+    InterlockedExchange(&state, idle + hold);
     InterlockedIncrement(&shared->locks);
     for (int i = 0; i < WORKERS; ++i) {
-        Shared::Slot &slot = shared->slots[i];
-        LONG life = slot.life;
-        LONG seen = slot.hold;
-        if (i == own || !excludes(hold, seen))
+        const volatile LONG &other = shared->slots[i].state;
+        const LONG seen = other;
+        if (i == own || !excludes(hold, seen % 4))
             continue;
-        for (int tries = 0; tries < 2000 && slot.life == life && slot.hold == seen; ++tries)
+        for (int tries = 0; tries < 2000 && other / 4 == seen / 4; ++tries)
             Sleep(5);
-        if (slot.life == life)
+        if (other / 4 == seen / 4)
             violation("two processes hold a lock that excludes them");
     }
     if (chance(300))
         TerminateProcess(GetCurrentProcess(), KILLED);
     if (chance(4))
         Sleep(0);
-    shared->slots[own].hold = NOTHING;
+    InterlockedExchange(&state, idle);
 }
 
 void *add_under_locks(void *argument)
@@ -148,17 +148,20 @@ void start_child(const std::string &program)
     thr_process_status status = {};
     if (process && (thr_process_wait(process, &status, 0) <= 0 || status.exit_code || total < 4))
         violation("a child's word or end is lost");
-    InterlockedIncrement(&shared->children);
+    InterlockedExchangeAdd(&shared->children, process != nullptr);
     thr_process_close_pipe(out);
     thr_process_close_handle(job);
 }
 
-// A process keeps one text from its first renaming of a lock file, whenever that is.
-void add_growth(const InUse &before)
+// Takes down what has come to be in use meanwhile. A process keeps one text from its first renaming
+// of a lock file, whenever that is.
+void measure(int slot, const InUse &before, LONG operations)
 {
     const InUse now;
-    InterlockedExchangeAdd(&shared->grown_blocks, std::max(now.blocks - before.blocks - 1, 0L));
-    InterlockedExchangeAdd(&shared->grown_handles, std::max(now.handles - before.handles, 0L));
+    Shared::Slot &to = shared->slots[slot];
+    to.grown_blocks = std::max(to.grown_blocks, now.blocks - before.blocks - 1);
+    to.grown_handles = std::max(to.grown_handles, now.handles - before.handles);
+    to.measured_operations += operations;
 }
 
 int work(int own, const std::string &directory, const std::string &program)
@@ -198,9 +201,11 @@ int work(int own, const std::string &directory, const std::string &program)
         one_operation(kind);
     start_child(program);
     const InUse before;
-    for (int i = 0; i < 300 && !shared->must_stop; ++i)
-        one_operation(randomness() % 20);
-    add_growth(before);
+    for (int round = 0; round < 30 && !shared->must_stop; ++round) {
+        for (int i = 0; i < 10; ++i)
+            one_operation(randomness() % 20);
+        measure(own, before, 10);
+    }
     return 0;
 }
 
@@ -212,6 +217,9 @@ struct Soak {
     std::string directory;
     int started = 0;
     int killed = 0;
+    LONG measured_operations = 0;
+    LONG grown_handles = 0;
+    LONG grown_blocks = 0;
     void *workers[WORKERS] = {};
 
     void start(int slot)
@@ -221,22 +229,26 @@ struct Soak {
         void *job = nullptr;
         workers[slot] = thr_process_create_and_save_job(command.data(), nullptr, nullptr, nullptr,
                                                         nullptr, nullptr, &job);
-        ++started;
+        started += workers[slot] != nullptr;
         thr_process_close_handle(job);
     }
 
-    // Sees whether a worker has ended, or waits for its end.
-    void look_after(int slot, int options)
+    // Sees whether a worker has ended.
+    void look_after(int slot)
     {
         thr_process_status status;
-        if (!workers[slot] || thr_process_wait(workers[slot], &status, options) == 0)
+        if (!workers[slot] || thr_process_wait(workers[slot], &status, 1) == 0)
             return;
         workers[slot] = nullptr;
         killed += status.exit_code == KILLED;
         if (status.exit_code != 0 && status.exit_code != KILLED)
             violation(("a worker ended with status " + std::to_string(status.exit_code)).c_str());
-        ++shared->slots[slot].life; // before its hold ends
-        shared->slots[slot].hold = NOTHING;
+        Shared::Slot &ended = shared->slots[slot];
+        measured_operations += ended.measured_operations;
+        grown_handles += ended.grown_handles;
+        grown_blocks += ended.grown_blocks;
+        ended.measured_operations = ended.grown_handles = ended.grown_blocks = 0;
+        InterlockedExchange(&ended.state, (ended.state / 4 + 1) * 4);
     }
 
     void run(DWORD seconds)
@@ -244,7 +256,7 @@ struct Soak {
         const ULONGLONG end = GetTickCount64() + seconds * 1000;
         while (GetTickCount64() < end) {
             for (int slot = 0; slot < WORKERS; ++slot) {
-                look_after(slot, 1);
+                look_after(slot);
                 if (!workers[slot])
                     start(slot);
             }
@@ -253,8 +265,18 @@ struct Soak {
             thr_msleep(20);
         }
         shared->must_stop = 1;
-        for (int slot = 0; slot < WORKERS; ++slot)
-            look_after(slot, 0);
+        for (int tries = 0; tries < 6000 && is_any_running(); ++tries) {
+            for (int slot = 0; slot < WORKERS; ++slot)
+                look_after(slot);
+            thr_msleep(5);
+        }
+        if (is_any_running())
+            violation("a worker does not end");
+    }
+
+    bool is_any_running() const
+    {
+        return std::any_of(std::begin(workers), std::end(workers), [](void *w) { return w; });
     }
 };
 
@@ -277,22 +299,30 @@ int soak(const std::string &program, DWORD seconds, unsigned seed)
     if (!map(soak.mapping) || !CreateDirectoryA(soak.directory.c_str(), nullptr) ||
         !CreateDirectoryA(inner.c_str(), nullptr))
         return 2;
+    printf("seed %u\n", seed);
+    fflush(stdout);
     randomness.seed(seed);
     thr_process_set_inherit_handles(1); // a worker's violations are told on our standard error
     start_child(program);
     const InUse before;
     soak.run(seconds);
-    add_growth(before);
+    measure(0, before, 0);
+    soak.grown_handles += shared->slots[0].grown_handles;
+    soak.grown_blocks += shared->slots[0].grown_blocks;
     if (!RemoveDirectoryA(inner.c_str()) || !RemoveDirectoryA(soak.directory.c_str()))
         violation("a lock file is left");
-    if (shared->grown_handles > 0 || shared->grown_blocks > 0)
+    if (soak.grown_handles > 0 || soak.grown_blocks > 0)
         violation("something grows");
-    double thousands = shared->operations / 1000.0;
-    printf("seed %u: %ld operations, %ld locks taken, %d workers and %ld children started, "
+    if (!soak.measured_operations || !shared->locks || !shared->children || !soak.killed)
+        violation("too short a time to show anything");
+    const double thousands = soak.measured_operations / 1000.0;
+    printf("%ld operations, %ld locks taken, %d workers and %ld children started, "
            "%d kills survived\n"
-           "growth per thousand operations: %.3f handles, %.3f heap blocks; %ld violations\n",
-           seed, shared->operations, shared->locks, soak.started, shared->children, soak.killed,
-           shared->grown_handles / thousands, shared->grown_blocks / thousands, shared->violations);
+           "growth per thousand of %ld measured operations: %.3f handles, %.3f heap blocks; "
+           "%ld violations\n",
+           shared->operations, shared->locks, soak.started, shared->children, soak.killed,
+           soak.measured_operations, soak.grown_handles / thousands, soak.grown_blocks / thousands,
+           shared->violations);
     return shared->violations != 0;
 }
 

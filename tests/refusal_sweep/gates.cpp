@@ -12,7 +12,8 @@ enum Answer {
     MINUS_ONE,
     BAD_ALLOC, // throws it
     DONE,      // a release: does its work, and returns 0 all the same
-    NONE       // never refused
+    DONE_MINUS_ONE,
+    NONE // never refused
 };
 
 // How functions refuse, and what each call that is let through adds to.
@@ -49,8 +50,9 @@ const Rule RULES[] = {
      "GetStdHandle ResumeThread TlsAlloc WaitForSingleObject _fstat64 _open_osfhandle _putenv "
      "_time64 system",
      MINUS_ONE, NO_MEMORY, nullptr, 0},
-    {"CloseHandle FindClose FreeLibrary ReleaseMutex RemoveVectoredExceptionHandler TlsFree _close",
-     DONE, ERROR_INVALID_HANDLE, nullptr, 0},
+    {"CloseHandle FindClose FreeLibrary ReleaseMutex RemoveVectoredExceptionHandler TlsFree", DONE,
+     ERROR_INVALID_HANDLE, nullptr, 0},
+    {"_close", DONE_MINUS_ONE, ERROR_INVALID_HANDLE, nullptr, 0},
     {"malloc calloc _strdup", ZERO, NO_MEMORY, &used.blocks, 1},
     {"_Znwy _ZNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEE7reserveEy "
      "_ZNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEE9_M_appendEPKcy "
@@ -117,7 +119,7 @@ intptr_t done(void *argument)
 {
     reinterpret_cast<intptr_t (*)(void *)>(plan.gate->target)(argument);
     SetLastError(plan.gate->rule->error);
-    return 0;
+    return plan.gate->rule->answer == DONE ? 0 : -1;
 }
 
 void counted_free(void *block)
