@@ -325,6 +325,13 @@ TEST(ProcessOperations, RunGivesTheExitCode)
     EXPECT_EQ(5, thr_system("exit 5"));
 }
 
+TEST(ProcessOperations, GiveTheStandardInputThatIsNotInTheStartupRecord)
+{
+    ImportPatch patch(
+        "GetStartupInfoA", +[](STARTUPINFOA *info) { info->hStdInput = INVALID_HANDLE_VALUE; });
+    EXPECT_EQ(thr_process_get_stdin(), GetStdHandle(STD_INPUT_HANDLE));
+}
+
 TEST(SysFunc, KeepsWhatItIsGiven)
 {
     thr_sys_func record;
