@@ -31,7 +31,7 @@ sources_of() { find "$@" -name '*.[ch]' -o -name '*.cpp' | sort; }
 check_format()
 {
     local folder folders=()
-    for folder in thr tests examples bench; do
+    for folder in thr tests examples bench docs; do
         [ ! -d $folder ] || folders+=($folder)
     done
     sources_of "${folders[@]}" | xargs -r -d '\n' clang-format --dry-run --Werror

@@ -130,13 +130,13 @@ run_program()
 build_programs()
 {
     say "building programs and examples against the package"
-    build "$root/tests/consumer" "$work/programs"
+    build "$root/docs/manual/programs" "$work/programs"
     build "$prefix/share/doc/thr/examples" "$work/examples"
     "${clang_for_mingw[@]}" -fuse-ld=lld -L "$gcc_folder" -std=c11 -Wall -Wextra -Wpedantic \
-        -Werror -I "$prefix/include" "$root/tests/consumer/consumer.c" "$prefix/lib/thr.lib" \
+        -Werror -I "$prefix/include" "$root/docs/manual/programs/consumer.c" "$prefix/lib/thr.lib" \
         -o "$work/consumer_thr_lib.exe" || die "linking with thr.lib failed, see above"
     clang --target=x86_64-pc-windows-msvc -ffreestanding -c -I "$prefix/include" \
-        "$root/tests/consumer/other_linker.c" -o "$work/other_linker.obj" &&
+        "$root/docs/manual/programs/other_linker.c" -o "$work/other_linker.obj" &&
         lld-link /nologo /nodefaultlib /entry:start /subsystem:console \
             "/out:$work/other_linker.exe" "$work/other_linker.obj" "$prefix/lib/thr.lib" \
             "$($gcc -print-file-name=libkernel32.a)" ||
