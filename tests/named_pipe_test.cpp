@@ -122,6 +122,11 @@ template <class Result, class... Args, Result (*Function)(Args...)> struct Spy<F
 TEST(NamedPipe, AsksForWhatItNeedsAndForgetsReleasedHandles)
 {
     EXPECT_INTERNAL_ERROR(Pipe(nullptr), "name != 0", "thr_named_pipe");
+    {
+        auto refuse_without_code = +[](HANDLE, OVERLAPPED *) { return SetLastError(0), FALSE; };
+        support::ImportPatch patch("ConnectNamedPipe", refuse_without_code);
+        EXPECT_TRUE(Pipe("pipe").connect());
+    }
     Spy<&CreateNamedPipeA> named("CreateNamedPipeA", "create:");
     Spy<&CreateFileA> open("CreateFileA", "open:");
     Spy<&WaitNamedPipeA> wait("WaitNamedPipeA", "wait:");

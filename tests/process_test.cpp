@@ -318,6 +318,22 @@ TEST(ProcessOperations, TellRunningFromEnded)
     EXPECT_EQ(5, process.end());
 }
 
+TEST(ProcessOperations, PeekTellsOfDataAndLeavesIt)
+{
+    HANDLE read_end, write_end;
+    ASSERT_TRUE(CreatePipe(&read_end, &write_end, nullptr, 0));
+    for (int expected : {0, 1, 1}) {
+        int has_data = -1;
+        EXPECT_EQ(0, thr_process_peek(read_end, &has_data));
+        EXPECT_EQ(expected, has_data);
+        if (!has_data) {
+            EXPECT_EQ(0, thr_process_write(write_end, "x", 1, nullptr));
+        }
+    }
+    CloseHandle(write_end);
+    CloseHandle(read_end);
+}
+
 TEST(ProcessOperations, RunGivesTheExitCode)
 {
     EXPECT_EQ(3, thr_run(role_command("exits", {"3"}).data()));
