@@ -466,7 +466,8 @@ void pump(const std::string &)
 } // namespace
 
 // A quiet refusal is of a release or a step whose result nobody needs, of a step that is made again
-// in another way, or leaves an operation at the answer that it would have given anyway.
+// in another way, or leaves an operation at the answer that it would have given anyway, as the wait
+// for a child that has ended by then.
 const std::vector<Scenario> scenarios = {
     {"ip_semaphore", ip_semaphore, false,
      "CloseHandle CreateFileW CreateMutexA DeleteFileW FindClose FindFirstFileW FindNextFileW "
@@ -478,13 +479,14 @@ const std::vector<Scenario> scenarios = {
     {"threads", threads, false, "AddVectoredExceptionHandler RemoveVectoredExceptionHandler"},
     {"locks", locks, false, ""},
     {"pipes", pipes, true,
-     "CloseHandle CreateProcessA GetConsoleMode GetProcessId GetStdHandle OpenJobObjectA"},
+     "CloseHandle CreateProcessA GetConsoleMode GetProcessId GetStdHandle OpenJobObjectA "
+     "WaitForSingleObject"},
     {"stopping", stopping, true,
      "CloseHandle CreateProcessA DuplicateHandle GetConsoleMode GetProcessId GetStdHandle "
      "OpenJobObjectA"},
     {"running", running, true,
      "CloseHandle CreatePipe CreateProcessA DuplicateHandle GetConsoleMode GetProcessId "
-     "GetStdHandle OpenJobObjectA"},
+     "GetStdHandle OpenJobObjectA WaitForSingleObject"},
     {"environment", environment, false, ""},
     {"loading", loading, false, "FreeLibrary GetModuleHandleA GetProcAddress LoadLibraryA"},
     {"lock_files", lock_files, false,
