@@ -167,8 +167,9 @@ const char *left_over(const Balance &before, size_t handles, int stopped_threads
 
 // The arguments: scenario, its folder, mode, position. Mode "hook" makes all runs from there on,
 // with a report hook; "first" makes that one as the first of its process; "plain" and "plain first"
-// make one of these without a hook. It says "run" before a run; "report" and, at its end, "again" in one; "done",
-// "unmet" or "fault" after it; and "first" of gates that only the first run of a process calls.
+// make one of these without a hook. It says "run" before a run; "report" and, at its end, "again"
+// in one; "done", "unmet" or "fault" after it; and "first" of gates that only the first run of a
+// process calls.
 ROLE(sweep)
 {
     install_gates();
