@@ -53,13 +53,10 @@ void scan_rows(Report &report, const std::string &directory)
     HeldReaders readers(directory);
     for (int count : {1, 10, 100}) {
         readers.grow_to(count);
-        report.growth_row("scan", count,
-                          {"ip rw sem write try-lock, " + std::to_string(count) + " readers",
-                           1.08,
-                           repeat([=] { thr_ip_rw_sem_write_try_lock(sem); }),
-                           repeat([&] { raw_sem.write_try_lock(); }),
-                           {},
-                           ""});
+        report.row({"ip rw sem write try-lock, " + std::to_string(count) + " readers", 1.08,
+                    repeat([=] { thr_ip_rw_sem_write_try_lock(sem); }),
+                    repeat([&] { raw_sem.write_try_lock(); })},
+                   "scan", count);
     }
     thr_ip_rw_sem_destroy(sem);
 }
@@ -85,22 +82,20 @@ void rw_sem_rows(Report &report)
         auto divided = [&](const Batch &batch) -> Batch { // a time for one lock and unlock
             return [=](int count) { return batch(count) / (WRITE_EVERY * threads); };
         };
-        report.growth_row(
-            "rw_sem", threads,
-            {"rw sem, " + std::to_string(threads) + " threads, 1 of 8 writes",
-             1.08,
-             divided(mixed(
-                 crew, [=] { thr_rw_sem_read_lock(sem), thr_rw_sem_read_unlock(sem); },
-                 [=] { thr_rw_sem_write_lock(sem), thr_rw_sem_write_unlock(sem); })),
-             divided(mixed(
-                 crew, [&] { raw_sem.read_lock(), raw_sem.read_unlock(); },
-                 [&] { raw_sem.write_lock(), raw_sem.write_unlock(); })),
-             {{"std::shared_mutex",
-               divided(mixed(
-                   crew, [&] { standard.lock_shared(), standard.unlock_shared(); },
-                   [&] { standard.lock(), standard.unlock(); }))}},
-             "",
-             0.001});
+        report.row({"rw sem, " + std::to_string(threads) + " threads, 1 of 8 writes",
+                    1.08,
+                    divided(mixed(
+                        crew, [=] { thr_rw_sem_read_lock(sem), thr_rw_sem_read_unlock(sem); },
+                        [=] { thr_rw_sem_write_lock(sem), thr_rw_sem_write_unlock(sem); })),
+                    divided(mixed(
+                        crew, [&] { raw_sem.read_lock(), raw_sem.read_unlock(); },
+                        [&] { raw_sem.write_lock(), raw_sem.write_unlock(); })),
+                    {{"std::shared_mutex",
+                      divided(mixed(
+                          crew, [&] { standard.lock_shared(), standard.unlock_shared(); },
+                          [&] { standard.lock(), standard.unlock(); }))}},
+                    0.001},
+                   "rw_sem", threads);
     }
     thr_rw_sem_destroy(sem);
     free(sem);
@@ -251,6 +246,10 @@ void hand_over_rows(Report &report, const std::string &directory)
     const int rounds = report.is_quick() ? 3 : 10;
     const DWORD slice_ms = report.is_quick() ? 250 : 600;
     for (int waiters : {2, 4, 8, MOST_WAITERS}) {
+        const Operation operation = {
+            "ip mutex hand-over, " + std::to_string(waiters) + " processes", 0, {}, {}};
+        if (!report.is_wanted(operation.name))
+            continue;
         std::vector<double> library, raw, ratios, controls;
         for (int round = 0; round < rounds; ++round) {
             library.push_back(queue.measure(waiters, false, slice_ms));
@@ -258,15 +257,14 @@ void hand_over_rows(Report &report, const std::string &directory)
             ratios.push_back(library.back() / raw.back());
             controls.push_back(queue.measure(waiters, true, slice_ms) / raw.back());
         }
-        Operation operation = {
-            "ip mutex hand-over, " + std::to_string(waiters) + " processes", 0, {}, {}, {}, ""};
-        report.add("hand_over", waiters, operation,
+        report.add(operation,
                    {spread_of(library).median,
                     spread_of(raw).median,
                     spread_of(ratios),
                     spread_of(controls),
                     {},
-                    rounds});
+                    rounds},
+                   "hand_over", waiters);
     }
 }
 

@@ -26,11 +26,10 @@ void ip_mutex_rows(Report &report, const std::string &directory)
                 1.08,
                 repeat(library),
                 repeat(raw),
-                {{"Boost file lock", repeat([&] { file_lock.lock(), file_lock.unlock(); })}},
-                ""});
+                {{"Boost file lock", repeat([&] { file_lock.lock(), file_lock.unlock(); })}}});
     thr_ip_mutex_lock(mutex);
     raw_mutex.lock();
-    report.row({"ip mutex lock+unlock by its holder", 1.20, repeat(library), repeat(raw), {}, ""});
+    report.row({"ip mutex lock+unlock by its holder", 1.50, repeat(library), repeat(raw)});
     thr_ip_mutex_destroy(mutex);
     raw_mutex.unlock();
     file_lock = {};
@@ -45,18 +44,12 @@ void interprocess_rows(Report &report, const std::string &directory)
     ip_mutex_rows(report, directory);
     THR_IP_RW_SEM sem = thr_ip_rw_sem_create((directory + "\\sem").c_str());
     raw::IpRwSem raw_sem(directory + "/raw_sem");
-    report.row({"ip rw sem read lock+unlock",
-                1.08,
+    report.row({"ip rw sem read lock+unlock", 1.08,
                 repeat([=] { thr_ip_rw_sem_read_lock(sem), thr_ip_rw_sem_read_unlock(sem); }),
-                repeat([&] { raw_sem.read_lock(), raw_sem.read_unlock(); }),
-                {},
-                ""});
-    report.row({"ip rw sem write lock+unlock",
-                1.08,
+                repeat([&] { raw_sem.read_lock(), raw_sem.read_unlock(); })});
+    report.row({"ip rw sem write lock+unlock", 1.08,
                 repeat([=] { thr_ip_rw_sem_write_lock(sem), thr_ip_rw_sem_write_unlock(sem); }),
-                repeat([&] { raw_sem.write_lock(), raw_sem.write_unlock(); }),
-                {},
-                ""});
+                repeat([&] { raw_sem.write_lock(), raw_sem.write_unlock(); })});
     thr_ip_rw_sem_destroy(sem);
 }
 

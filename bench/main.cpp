@@ -8,14 +8,20 @@
 namespace
 {
 
-const char USAGE[] = "Usage: thr_bench [--quick] [--json FILE]\n"
-                     "\n"
-                     "  --quick      short measurements: the whole run takes less than a minute\n"
-                     "  --json FILE  also writes the results to this file\n";
+const char USAGE[] =
+    "Usage: thr_bench [--quick] [--only TEXT] [--json FILE]\n"
+    "\n"
+    "  --quick      short measurements: the whole run takes less than a minute\n"
+    "  --only TEXT  measures only the rows with this text in their names\n"
+    "  --json FILE  also writes the results to this file\n"
+    "\n"
+    "Ends with 1 when a goal is missed or an operation makes other calls than its\n"
+    "steps prescribe, with 2 when a measurement could not be made.\n";
 
 struct Options {
     bool is_help = false;
     bool is_quick = false;
+    std::string only;
     std::string json;
 };
 
@@ -27,6 +33,8 @@ Options options_of(const std::vector<std::string> &args)
             options.is_help = true;
         else if (args[index] == "--quick")
             options.is_quick = true;
+        else if (args[index] == "--only" && index + 1 < args.size())
+            options.only = args[++index];
         else if (args[index] == "--json" && index + 1 < args.size())
             options.json = args[++index];
         else
@@ -73,11 +81,12 @@ void count_calls(bench::Report &report, const std::string &directory, const std:
         report.calls(operation, counter.count(operation));
 }
 
-void run(const Options &options)
+// False when the library is not as it should be.
+bool run(const Options &options)
 {
     Scratch scratch;
     std::string folder = own_folder();
-    bench::Report report(options.is_quick);
+    bench::Report report(options.is_quick, options.only);
     bench::sync_rows(report);
     bench::thread_rows(report);
     bench::interprocess_rows(report, scratch.path());
@@ -86,9 +95,10 @@ void run(const Options &options)
     bench::wrapper_rows(report);
     count_calls(report, scratch.path(), folder);
     bench::removal_rows(report, scratch.path());
-    report.summary();
+    bool is_good = report.summary();
     if (!options.json.empty())
         report.write_json(options.json);
+    return is_good;
 }
 
 } // namespace
@@ -101,14 +111,13 @@ int main(int argc, char **argv)
         if (!args.empty() && args[0] == "--wait-in-line")
             return bench::wait_in_line({args.begin() + 1, args.end()});
         Options options = options_of(args);
-        if (options.is_help)
-            printf("%s", USAGE);
-        else
-            run(options);
+        if (!options.is_help)
+            return run(options) ? 0 : 1;
+        printf("%s", USAGE);
         return 0;
     } catch (const std::exception &error) {
         fflush(stdout);
         fprintf(stderr, "thr_bench: %s\n", error.what());
-        return 1;
+        return 2;
     }
 }

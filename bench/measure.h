@@ -96,15 +96,17 @@ struct Operation {
     double goal; // the highest ratio to the raw calls that is aimed at; 0: none
     Batch library;
     Batch raw;
-    std::vector<Variant> others; // what a user might take instead
-    std::string below;           // the library is to be below this one of them; may be empty
+    std::vector<Variant> others = {}; // what a user might take instead
     double batch_seconds = 0.0005;
+    std::string below = ""; // the library is to be below this one of them
 };
 
 struct Spread {
     double median;
     double low; // quartiles
     double high;
+    double least; // bounds that the true median is between, 19 times of 20
+    double most;
 };
 
 Spread spread_of(std::vector<double> values);

@@ -128,7 +128,7 @@ void pipe_row(Report &report)
     RawPipe back(name + "back");
     Crew crew(2);
     report.row({"named pipe message there and back",
-                0,
+                1.08,
                 round_trips(
                     crew,
                     [&](char *message) {
@@ -143,7 +143,6 @@ void pipe_row(Report &report)
                     crew, [&](char *message) { there.write(message), back.read(message); },
                     [&](char *message) { there.read(message), back.write(message); }),
                 {},
-                "",
                 0.004});
 }
 
@@ -163,12 +162,8 @@ void attach_row(Report &report, const std::string &directory, const std::string 
     expect(CopyFileA((folder + "\\thr.dll").c_str(), copy.c_str(), TRUE),
            "thr.dll can't be copied");
     std::string plain = folder + "\\thr_bench_attach.dll";
-    report.row({"DLL attach+detach",
-                0,
-                repeat([=] { attach(copy); }),
-                repeat([=] { attach(plain); }),
-                {},
-                ""});
+    report.row(
+        {"DLL attach+detach", 1.60, repeat([=] { attach(copy); }), repeat([=] { attach(plain); })});
     DeleteFileA(copy.c_str());
 }
 
@@ -183,15 +178,11 @@ void process_rows(Report &report, const std::string &directory, const std::strin
                 repeat([=] { run_child(child); }),
                 repeat([=] { run_raw_child(child); }),
                 {},
-                "",
                 STARTS_BATCH});
     HMODULE library = GetModuleHandleA("thr.dll");
-    report.row({"library function lookup",
-                1.10,
+    report.row({"library function lookup", 1.10,
                 repeat([=] { thr_drl_find_function(library, "thr_mutex_create"); }),
-                repeat([=] { GetProcAddress(library, "thr_mutex_create"); }),
-                {},
-                ""});
+                repeat([=] { GetProcAddress(library, "thr_mutex_create"); })});
     attach_row(report, directory, folder);
     pipe_row(report);
 }

@@ -5,10 +5,6 @@
 #include <cstdlib>
 #include <cstring>
 
-#include <fcntl.h>
-#include <io.h>
-#include <sys/stat.h>
-
 namespace raw
 {
 
@@ -109,6 +105,7 @@ DWORD WINAPI begin_thread(void *argument)
     auto *record = static_cast<ThreadRecord *>(argument);
     TlsSetValue(record->self_slot, record);
     record->value = chain_head(record->func, record->arg);
+    TlsSetValue(record->self_slot, nullptr);
     EnterCriticalSection(record->section);
     record->is_finished = 1;
     LeaveCriticalSection(record->section);
@@ -183,37 +180,6 @@ void remove_file(const char *path)
     }
 }
 
-// The runtime's flag for it, which its headers leave out.
-const int OPEN_DIRECTORY = 0x2000;
-
-// Opens a directory, one process at a time, to ask what it is.
-bool is_directory(const std::string &path)
-{
-    std::wstring wide = long_path(path.c_str());
-    DWORD attributes = GetFileAttributesW(wide.c_str());
-    if (attributes == INVALID_FILE_ATTRIBUTES)
-        return false;
-    uint64_t hash = 0xcbf29ce484222325;
-    for (wchar_t unit : wide)
-        hash = (hash ^ unit) * 0x100000001b3;
-    char name[64];
-    wsprintfA(name, ".velkora.%08I64X.sem", hash);
-    HANDLE mutex = CreateMutexA(nullptr, FALSE, name);
-    SECURITY_ATTRIBUTES security = {sizeof security, nullptr, TRUE};
-    WaitForSingleObject(mutex, 600000);
-    HANDLE directory = CreateFileW(
-        wide.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
-        &security, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_BACKUP_SEMANTICS, nullptr);
-    ReleaseMutex(mutex);
-    int descriptor =
-        _open_osfhandle(reinterpret_cast<intptr_t>(directory), _O_RDONLY | OPEN_DIRECTORY);
-    struct _stat64i32 record;
-    _fstat64i32(descriptor, &record);
-    _close(descriptor);
-    CloseHandle(mutex);
-    return attributes & FILE_ATTRIBUTE_DIRECTORY;
-}
-
 bool ends_with(const std::string &text, const char *suffix)
 {
     size_t length = strlen(suffix);
@@ -233,7 +199,6 @@ bool is_held(const std::string &path)
 bool any_held(const std::string &own, const char *suffix)
 {
     std::string directory = own.substr(0, own.rfind('/'));
-    is_directory(directory);
     WIN32_FIND_DATAW entry;
     HANDLE listing = FindFirstFileW(long_path((directory + "/*" + suffix).c_str()).c_str(), &entry);
     if (listing == INVALID_HANDLE_VALUE)

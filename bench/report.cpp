@@ -1,5 +1,6 @@
 #include "report.h"
 
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <stdexcept>
@@ -32,12 +33,16 @@ std::string time_text(double time)
     return text;
 }
 
+// What the rounds say of the goal. The bounds of the median are widened by what the control is off.
 std::string result_of(const Operation &operation, const Measurement &measurement)
 {
-    if (!is_calm(measurement))
-        return "noisy";
+    const double off = 1.0 + std::abs(measurement.control.median - 1.0);
+    const bool is_resolved = measurement.ratio.least > operation.goal * off ||
+                             measurement.ratio.most * off <= operation.goal;
     if (operation.goal == 0)
-        return "";
+        return is_calm(measurement) ? "" : "noisy";
+    if (!is_calm(measurement) || !is_resolved)
+        return "unresolved";
     bool is_met = measurement.ratio.median <= operation.goal;
     for (const Measurement::Other &other : measurement.others)
         is_met = is_met && (other.name != operation.below || other.library < 1.0);
@@ -77,64 +82,76 @@ int total_of(const Counts &counts)
     return total;
 }
 
+// printf into a text.
+template <class... Values> std::string text_of(const char *format, Values... values)
+{
+    std::string text(snprintf(nullptr, 0, format, values...), '\0');
+    snprintf(text.data(), text.size() + 1, format, values...);
+    return text;
+}
+
 } // namespace
 
-Report::Report(bool quick) : m_quick(quick), m_start(now()) {}
+Report::Report(bool quick, const std::string &only) : m_quick(quick), m_only(only), m_start(now())
+{
+}
 
 void Report::part(const std::string &title)
 {
-    printf("\n%-38s %9s %9s  %5s  %-11s %7s %5s  %-6s  %s\n", title.c_str(), "thr", "raw", "ratio",
-           "quartiles", "control", "goal", "result", "instead, to raw");
+    printf("\n%-40s %8s %8s  %5s  %-10s %-10s %7s %5s  %-10s  %s\n", title.c_str(), "thr", "raw",
+           "ratio", "median", "quartiles", "control", "goal", "result", "instead, to raw");
 }
 
-void Report::row(const Operation &operation)
+void Report::row(const Operation &operation, const std::string &series, int x)
 {
-    growth_row("", 0, operation);
-}
-
-void Report::growth_row(const std::string &series, int x, const Operation &operation)
-{
+    if (!is_wanted(operation.name))
+        return;
     Measurement measurement;
     int attempts_left = m_quick ? QUICK_ATTEMPTS : ATTEMPTS;
     do {
         measurement = measure(operation, m_quick ? QUICK_BUDGET : BUDGET);
-    } while (!is_calm(measurement) && --attempts_left > 0);
-    add(series, x, operation, measurement);
+    } while (--attempts_left > 0 &&
+             (!is_calm(measurement) || result_of(operation, measurement) == "unresolved"));
+    add(operation, measurement, series, x);
 }
 
-void Report::add(const std::string &series, int x, const Operation &operation,
-                 const Measurement &measurement)
+void Report::add(const Operation &operation, const Measurement &m, const std::string &series, int x)
 {
-    Row row = {operation.name, series,      x,
-               operation.goal, measurement, result_of(operation, measurement)};
-    char quartiles[32];
-    snprintf(quartiles, sizeof quartiles, "%.2f..%.2f", measurement.ratio.low,
-             measurement.ratio.high);
-    printf("%-38s %9s %9s  %5.2f  %-11s %7.2f %5s  %-6s", row.name.c_str(),
-           time_text(measurement.library).c_str(), time_text(measurement.raw).c_str(),
-           measurement.ratio.median, quartiles, measurement.control.median,
-           goal_text(row.goal).c_str(), row.result.c_str());
-    const char *separator = "  ";
-    for (const Measurement::Other &other : measurement.others) {
-        printf("%s%s %.2f", separator, other.name.c_str(), other.ratio);
-        separator = ", ";
+    std::string result = result_of(operation, m), instead, json;
+    for (const Measurement::Other &other : m.others) {
+        instead +=
+            (instead.empty() ? "" : ", ") + text_of("%s %.2f", other.name.c_str(), other.ratio);
+        json += text_of(", \"%s\": %.3f", other.name.c_str(), other.ratio);
     }
-    printf("\n");
+    printf("%-40s %8s %8s  %5.2f  %.2f..%.2f %.2f..%.2f %7.2f %5s  %-10s  %s\n",
+           operation.name.c_str(), time_text(m.library).c_str(), time_text(m.raw).c_str(),
+           m.ratio.median, m.ratio.least, m.ratio.most, m.ratio.low, m.ratio.high, m.control.median,
+           goal_text(operation.goal).c_str(), result.c_str(), instead.c_str());
     fflush(stdout);
-    m_rows.push_back(row);
+    m_results[result]++;
+    m_rows.push_back(text_of("{\"name\": \"%s\", \"series\": \"%s\", \"x\": %d, \"thr\": %.4g, "
+                             "\"raw\": %.4g, \"ratio\": %.3f, \"least\": %.3f, \"most\": %.3f, "
+                             "\"low\": %.3f, \"high\": %.3f, \"control\": %.3f, \"rounds\": %d, "
+                             "\"goal\": %.2f, \"result\": \"%s\"%s}",
+                             operation.name.c_str(), series.c_str(), x, m.library, m.raw,
+                             m.ratio.median, m.ratio.least, m.ratio.most, m.ratio.low, m.ratio.high,
+                             m.control.median, m.rounds, operation.goal, result.c_str(),
+                             json.c_str()));
 }
 
 void Report::calls(const CountedOperation &operation, const Counts &counted)
 {
     if (m_calls.empty())
         printf("\n%-46s %6s %10s\n", "platform and heap calls per operation", "thr", "prescribed");
-    CallRow row = {operation.name, total_of(counted), total_of(operation.prescribed),
-                   counted == operation.prescribed};
-    printf("%-46s %6d %10d  %s\n", row.name.c_str(), row.counted, row.prescribed,
-           row.is_equal ? "equal"
-                        : ("DIFFERENT:" + difference(counted, operation.prescribed)).c_str());
+    bool is_equal = counted == operation.prescribed; // call by call
+    m_different += !is_equal;
+    int made = total_of(counted), prescribed = total_of(operation.prescribed);
+    printf("%-46s %6d %10d  %s\n", operation.name.c_str(), made, prescribed,
+           is_equal ? "equal" : ("DIFFERENT:" + difference(counted, operation.prescribed)).c_str());
     fflush(stdout);
-    m_calls.push_back(row);
+    m_calls.push_back(text_of("{\"name\": \"%s\", \"thr\": %d, \"prescribed\": %d, \"equal\": %s}",
+                              operation.name.c_str(), made, prescribed,
+                              is_equal ? "true" : "false"));
 }
 
 void Report::removal(int hold_ms, double unlock_seconds, int moves)
@@ -142,57 +159,31 @@ void Report::removal(int hold_ms, double unlock_seconds, int moves)
     if (m_removals.empty())
         printf("\n%-46s %9s %14s\n", "interprocess unlock that meets the next holder", "takes",
                "renames tried");
-    std::string name =
-        hold_ms == 0 ? "nobody" : "one that holds for " + std::to_string(hold_ms) + " ms";
+    std::string name = hold_ms == 0 ? "nobody" : text_of("one that holds for %d ms", hold_ms);
     printf("%-46s %9s %14d\n", name.c_str(), time_text(unlock_seconds).c_str(), moves);
     fflush(stdout);
-    m_removals.push_back({hold_ms, unlock_seconds, moves});
+    m_removals.push_back(text_of("{\"hold_ms\": %d, \"unlock\": %.4g, \"moves\": %d}", hold_ms,
+                                 unlock_seconds, moves));
 }
 
-void Report::summary()
+bool Report::summary()
 {
-    int met = 0, missed = 0, noisy = 0, different = 0;
-    for (const Row &row : m_rows) {
-        met += row.result == "met";
-        missed += row.result == "missed";
-        noisy += row.result == "noisy";
-    }
-    for (const CallRow &row : m_calls)
-        different += !row.is_equal;
-    printf("\n%d goals met, %d missed, %d rows too noisy to count (control outside 0.95..1.05)\n",
-           met, missed, noisy);
+    printf("\n%d goals met, %d missed, %d unresolved (the median's bounds or the control too far "
+           "off)\n",
+           m_results["met"], m_results["missed"], m_results["unresolved"]);
     printf("%d of %d operations make just the calls that their steps prescribe\n",
-           static_cast<int>(m_calls.size()) - different, static_cast<int>(m_calls.size()));
+           static_cast<int>(m_calls.size()) - m_different, static_cast<int>(m_calls.size()));
     printf("%.0f s in all\n", seconds(now() - m_start));
+    return m_results["missed"] == 0 && m_different == 0;
 }
 
 // --- JSON ---------------------------------------------------------------------------------------
 
-namespace
+void Report::write_json(const std::string &path) const
 {
-
-// Writes the entries of an array, each on a line of its own.
-class JsonLines
-{
-public:
-    JsonLines(FILE *file, const char *name) : m_file(file), m_separator("\n    ")
-    {
-        fprintf(m_file, ",\n  \"%s\": [", name);
-    }
-    ~JsonLines() { fprintf(m_file, "\n  ]"); }
-    void next()
-    {
-        fprintf(m_file, "%s", m_separator);
-        m_separator = ",\n    ";
-    }
-
-private:
-    FILE *m_file;
-    const char *m_separator;
-};
-
-void write_machine(FILE *file, bool quick)
-{
+    FILE *file = fopen(path.c_str(), "wb");
+    if (!file)
+        throw std::runtime_error("can't write " + path + ": " + strerror(errno));
     SYSTEM_INFO system;
     GetSystemInfo(&system);
     using VersionFunc = const char *(*)();
@@ -200,50 +191,16 @@ void write_machine(FILE *file, bool quick)
         GetProcAddress(GetModuleHandleA("ntdll.dll"), "wine_get_version")));
     fprintf(file, "{\n  \"machine\": {\"processors\": %lu, \"system\": \"%s%s\"},\n",
             system.dwNumberOfProcessors, version ? "Wine " : "Windows", version ? version() : "");
-    fprintf(file, "  \"quick\": %s", quick ? "true" : "false");
-}
-
-} // namespace
-
-void Report::write_json(const std::string &path) const
-{
-    FILE *file = fopen(path.c_str(), "wb");
-    if (!file)
-        throw std::runtime_error("can't write " + path + ": " + strerror(errno));
-    write_machine(file, m_quick);
-    {
-        JsonLines lines(file, "rows");
-        for (const Row &row : m_rows) {
-            const Measurement &m = row.measurement;
-            lines.next();
-            fprintf(file,
-                    "{\"name\": \"%s\", \"series\": \"%s\", \"x\": %d, \"thr\": %.4g, "
-                    "\"raw\": %.4g, \"ratio\": %.3f, \"low\": %.3f, \"high\": %.3f, "
-                    "\"control\": %.3f, \"rounds\": %d, \"goal\": %.2f, \"result\": \"%s\"",
-                    row.name.c_str(), row.series.c_str(), row.x, m.library, m.raw, m.ratio.median,
-                    m.ratio.low, m.ratio.high, m.control.median, m.rounds, row.goal,
-                    row.result.c_str());
-            for (const Measurement::Other &other : m.others)
-                fprintf(file, ", \"%s\": %.3f", other.name.c_str(), other.ratio);
-            fprintf(file, "}");
-        }
-    }
-    {
-        JsonLines lines(file, "calls");
-        for (const CallRow &row : m_calls) {
-            lines.next();
-            fprintf(file, "{\"name\": \"%s\", \"thr\": %d, \"prescribed\": %d, \"equal\": %s}",
-                    row.name.c_str(), row.counted, row.prescribed, row.is_equal ? "true" : "false");
-        }
-    }
-    {
-        JsonLines lines(file, "removal");
-        for (const Removal &removal : m_removals) {
-            lines.next();
-            fprintf(file, "{\"hold_ms\": %d, \"unlock\": %.4g, \"moves\": %d}", removal.hold_ms,
-                    removal.unlock_seconds, removal.moves);
-        }
-    }
+    fprintf(file, "  \"quick\": %s", m_quick ? "true" : "false");
+    auto array = [&](const char *name, const std::vector<std::string> &entries) {
+        fprintf(file, ",\n  \"%s\": [", name);
+        for (const std::string &entry : entries)
+            fprintf(file, "%s\n    %s", &entry == entries.data() ? "" : ",", entry.c_str());
+        fprintf(file, "\n  ]");
+    };
+    array("rows", m_rows);
+    array("calls", m_calls);
+    array("removal", m_removals);
     fprintf(file, "\n}\n");
     bool is_written = !ferror(file);
     if (fclose(file) != 0 || !is_written)

@@ -14,22 +14,21 @@ namespace bench
 class Report
 {
 public:
-    explicit Report(bool quick);
+    // Rows without the text `only` in their names are left out.
+    Report(bool quick, const std::string &only);
 
     bool is_quick() const { return m_quick; }
+    bool is_wanted(const std::string &row) const { return row.find(m_only) != row.npos; }
 
     // Starts a part of the table.
     void part(const std::string &title);
 
-    // Measures an operation and prints its row.
-    void row(const Operation &operation);
-
-    // The same for an operation that grows with `x`, as a point of a series.
-    void growth_row(const std::string &series, int x, const Operation &operation);
+    // Measures an operation and prints its row, which may be the point of a series at `x`.
+    void row(const Operation &operation, const std::string &series = "", int x = 0);
 
     // A row that has been measured elsewhere.
-    void add(const std::string &series, int x, const Operation &operation,
-             const Measurement &measurement);
+    void add(const Operation &operation, const Measurement &measurement, const std::string &series,
+             int x);
 
     // The calls that an operation makes beside those that its steps prescribe.
     void calls(const CountedOperation &operation, const Counts &counted);
@@ -37,37 +36,21 @@ public:
     // An unlock while the next holder keeps the lock file for so many milliseconds.
     void removal(int hold_ms, double unlock_seconds, int moves);
 
-    // What of the goals is met, and the time that all of it took.
-    void summary();
+    // What of the goals is met, and the time that all of it took. False when a goal is missed or an
+    // operation makes other calls.
+    bool summary();
 
     void write_json(const std::string &path) const;
 
 private:
-    struct Row {
-        std::string name;
-        std::string series; // of a growth row, else empty
-        int x;
-        double goal;
-        Measurement measurement;
-        std::string result; // met, missed, noisy or, without a goal, empty
-    };
-    struct CallRow {
-        std::string name;
-        int counted;
-        int prescribed;
-        bool is_equal; // call by call
-    };
-    struct Removal {
-        int hold_ms;
-        double unlock_seconds;
-        int moves;
-    };
-
     bool m_quick;
+    std::string m_only;
     int64_t m_start;
-    std::vector<Row> m_rows;
-    std::vector<CallRow> m_calls;
-    std::vector<Removal> m_removals;
+    std::map<std::string, int> m_results;
+    int m_different = 0;
+    std::vector<std::string> m_rows; // in JSON
+    std::vector<std::string> m_calls;
+    std::vector<std::string> m_removals;
 };
 
 } // namespace bench

@@ -29,12 +29,13 @@ void mutex_rows(Report &report)
     auto with_recursive = [&] { recursive.lock(), recursive.unlock(); };
     auto with_slim = [&] { AcquireSRWLockExclusive(&slim), ReleaseSRWLockExclusive(&slim); };
     report.row({"mutex lock+unlock",
-                1.30,
+                1.08,
                 repeat(library),
                 repeat(raw),
                 {{"std::recursive_mutex", repeat(with_recursive)},
                  {"std::mutex", repeat(with_standard)},
                  {"slim lock", repeat(with_slim)}},
+                0.0005,
                 "std::recursive_mutex"});
 
     Crew crew(2);
@@ -46,7 +47,6 @@ void mutex_rows(Report &report)
                 {{"std::recursive_mutex", shared(with_recursive)},
                  {"std::mutex", shared(with_standard)},
                  {"slim lock", shared(with_slim)}},
-                "",
                 THREADS_BATCH});
     DeleteCriticalSection(&section);
     thr_mutex_destroy(mutex);
@@ -70,18 +70,11 @@ void event_rows(Report &report)
     HANDLE raw_events[2] = {raw::make_event(), raw::make_event()};
     THR_EVENT event = events[0];
     HANDLE raw_event = raw_events[0];
-    report.row({"event post+reset",
-                1.08,
+    report.row({"event post+reset", 1.08,
                 repeat([=] { thr_event_post(event), thr_event_reset(event); }),
-                repeat([=] { SetEvent(raw_event), ResetEvent(raw_event); }),
-                {},
-                ""});
-    report.row({"event test",
-                1.08,
-                repeat([=] { thr_event_is_posted(event); }),
-                repeat([=] { WaitForSingleObject(raw_event, 0); }),
-                {},
-                ""});
+                repeat([=] { SetEvent(raw_event), ResetEvent(raw_event); })});
+    report.row({"event test", 1.08, repeat([=] { thr_event_is_posted(event); }),
+                repeat([=] { WaitForSingleObject(raw_event, 0); })});
     Crew crew(2);
     report.row({"event ping-pong of two threads",
                 1.08,
@@ -98,7 +91,6 @@ void event_rows(Report &report)
                         ResetEvent(raw_events[member]);
                     }),
                 {},
-                "",
                 THREADS_BATCH});
     for (int member = 0; member < 2; ++member) {
         thr_event_destroy(events[member]);
@@ -122,21 +114,21 @@ void rw_sem_rows(Report &report)
     auto slim_write = [&] { AcquireSRWLockExclusive(&slim), ReleaseSRWLockExclusive(&slim); };
     std::vector<Variant> readers = {{"std::shared_mutex", repeat(standard_read)},
                                     {"slim lock", repeat(slim_read)}};
-    report.row({"rw sem read lock+unlock", 1.08, repeat(read), repeat(raw_read), readers, ""});
+    report.row({"rw sem read lock+unlock", 1.08, repeat(read), repeat(raw_read), readers});
 
     thr_rw_sem_read_lock(sem);
     raw_sem.read_lock();
-    report.row({"rw sem read lock+unlock beside a reader", 1.25, repeat(read), repeat(raw_read),
-                readers, ""});
+    report.row(
+        {"rw sem read lock+unlock beside a reader", 1.25, repeat(read), repeat(raw_read), readers});
     thr_rw_sem_read_unlock(sem);
     raw_sem.read_unlock();
 
-    report.row({"rw sem write lock+unlock",
-                1.08,
-                repeat(write),
-                repeat(raw_write),
-                {{"std::shared_mutex", repeat(standard_write)}, {"slim lock", repeat(slim_write)}},
-                ""});
+    report.row(
+        {"rw sem write lock+unlock",
+         1.08,
+         repeat(write),
+         repeat(raw_write),
+         {{"std::shared_mutex", repeat(standard_write)}, {"slim lock", repeat(slim_write)}}});
 
     Crew crew(4);
     auto mixed = [&](auto reads, auto writes) {
@@ -148,7 +140,6 @@ void rw_sem_rows(Report &report)
                 mixed(raw_read, raw_write),
                 {{"std::shared_mutex", mixed(standard_read, standard_write)},
                  {"slim lock", mixed(slim_read, slim_write)}},
-                "",
                 THREADS_BATCH});
     thr_rw_sem_destroy(sem);
     free(sem);

@@ -11,6 +11,7 @@ set(CMAKE_CXX_COMPILER_TARGET x86_64-w64-mingw32)
 execute_process(COMMAND x86_64-w64-mingw32-g++-posix -print-file-name=include
                 OUTPUT_VARIABLE thr_gcc_include OUTPUT_STRIP_TRAILING_WHITESPACE)
 get_filename_component(thr_gcc_dir ${thr_gcc_include} DIRECTORY)
+list(PREPEND THR_RUNTIME_DIRS ${thr_gcc_dir})
 set(thr_libstdcxx ${thr_gcc_dir}/include/c++)
 # GCC's runtime keeps its thread-local variables in GCC's own way.
 set(CMAKE_CXX_FLAGS_INIT "-femulated-tls -nostdinc++ -isystem ${thr_libstdcxx} \

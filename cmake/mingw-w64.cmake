@@ -1,4 +1,5 @@
-# Cross-compiles for 64-bit Windows with MinGW-w64 and runs what it builds under Wine.
+# Cross-compiles for 64-bit Windows with MinGW-w64, as Debian names it, for the C runtime msvcrt, and
+# runs what it builds under Wine.
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_SYSTEM_PROCESSOR x86_64)
 
@@ -11,5 +12,9 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
+
+set(THR_RUNTIME_DIRS /usr/x86_64-w64-mingw32/lib)
+set(THR_BOOST_DIR /usr/include CACHE PATH "folder that holds the boost headers")
+set(THR_GTEST_DIR /usr/src/googletest/googletest CACHE PATH "folder of GoogleTest's sources")
 
 set(CMAKE_CROSSCOMPILING_EMULATOR /usr/lib/wine/wine64)

@@ -34,6 +34,8 @@ add_custom_target(docs
   COMMAND ${THR_DOXYGEN} ${PROJECT_BINARY_DIR}/docs/Doxyfile
   COMMAND ${CMAKE_COMMAND} -DDEF=${def} -DTAGS=${PROJECT_BINARY_DIR}/docs/thr.tag
           -P ${PROJECT_SOURCE_DIR}/cmake/check_manual.cmake
+  COMMAND ${CMAKE_COMMAND} -DTAGS=${PROJECT_BINARY_DIR}/docs/thr.tag -DHTML=${manual}
+          -P ${PROJECT_SOURCE_DIR}/cmake/search_headings.cmake
   DEPENDS ${def}
   WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
   COMMENT "Making the manual ${manual}"
@@ -78,7 +80,12 @@ foreach(folder examples ${folders})
 endforeach()
 install(DIRECTORY examples DESTINATION ${doc})
 
-install(FILES docs/manual/using.md DESTINATION ${doc} RENAME README.md)
+# Without the marks of the manual's links.
+file(READ docs/manual/using.md using)
+string(REGEX REPLACE " {#[a-z_]+}" "" using "${using}")
+file(WRITE ${PROJECT_BINARY_DIR}/docs/README.md "${using}")
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS docs/manual/using.md)
+install(FILES ${PROJECT_BINARY_DIR}/docs/README.md DESTINATION ${doc})
 install(FILES CHANGELOG.md SECURITY.md DESTINATION ${doc})
 install(CODE "execute_process(COMMAND \"${CMAKE_COMMAND}\" --build \"${PROJECT_BINARY_DIR}\"
   --target docs COMMAND_ERROR_IS_FATAL ANY)")

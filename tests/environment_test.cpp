@@ -4,91 +4,102 @@
 #include "support/import_patch.h"
 
 #include <atomic>
-#include <cstdlib>
 #include <exception>
 #include <new>
-#include <string>
 #include <thread>
-#include <vector>
+#include <tuple>
 
 #include <gtest/gtest.h>
-
-#include <windows.h>
 
 namespace
 {
 
-TEST(Environment, IsSetAndPrependedTo)
+const size_t LONGEST = 32766; // characters of a name and of a value
+
+// What the system and the runtime have of a variable, empty for none.
+std::wstring value_of(const std::wstring &name)
 {
-    const char VARIABLE[] = "THR_TEST_VARIABLE";
-    const std::string NONE = "(not set)";
-    const struct {
-        const char *before, *entry;
-        int result;
-        std::string after;
-    } cases[] = {{"X;Y", "W", 0, "W;X;Y"},
-                 {nullptr, "a=b; c \"d\"", 0, "a=b; c \"d\""},
-                 {"X", "", 0, ";X"},
-                 {"", "", 0, NONE},
-                 {"X", nullptr, -1, "X"}};
-    for (auto &c : cases) {
-        EXPECT_EQ(thr_setenv(VARIABLE, c.before), 0);
-        EXPECT_EQ(thr_prepend_env(VARIABLE, c.entry), c.result);
-        const char *value = getenv(VARIABLE);
-        EXPECT_EQ(value ? value : NONE, c.after);
-    }
-    thr_setenv(VARIABLE, nullptr);
+    std::wstring value(LONGEST + 1, L'\0');
+    value.resize(GetEnvironmentVariableW(name.c_str(), value.data(), LONGEST + 1));
+    const wchar_t *seen = _wgetenv(name.c_str());
+    EXPECT_EQ(seen ? seen : L"", value);
+    return value;
 }
 
-// --- handlers -----------------------------------------------------------------------------------
-
-// A handler that is told by its number, and never called.
-THR_HANDLER numbered(uintptr_t number)
+TEST(Environment, IsSetAndPrependedToUpToTheSystemsLength)
 {
-    return reinterpret_cast<THR_HANDLER>(number);
-}
-
-TEST(Handlers, AreTheHostsOwn)
-{
-    THR_HANDLER before = thr_set_new_handler(numbered(1));
-    EXPECT_EQ(std::get_new_handler(), numbered(1));
-    EXPECT_EQ(thr_set_new_handler(before), numbered(1));
-    before = thr_set_terminate_handler(numbered(1));
-    EXPECT_EQ(std::get_terminate(), numbered(1));
-    EXPECT_EQ(thr_set_terminate_handler(before), numbered(1));
-}
-
-// Setters as careless as the runtime's may be: two threads in one at once lose a handler.
-std::atomic<THR_HANDLER> place;
-
-THR_HANDLER careless_set(THR_HANDLER handler)
-{
-    THR_HANDLER previous = place;
-    SwitchToThread();
-    place = handler;
-    return previous;
-}
-
-TEST(Handlers, ThreadsThatSwapAtOnceGetWhatTheyReplaced)
-{
-    const std::pair<const char *, decltype(&thr_set_new_handler)> SETTERS[] = {
-        {"_ZSt15set_new_handlerPFvvE", thr_set_new_handler},
-        {"_ZSt13set_terminatePFvvE", thr_set_terminate_handler}};
-    for (auto &[import, set] : SETTERS) {
-        support::ImportPatch patch(import, &careless_set);
-        place = numbered(0);
-        std::atomic<uintptr_t> missing{0}; // the sum of what was set, less what was given back
-        std::vector<std::thread> threads;
-        for (uintptr_t start : {10000, 20000, 30000}) {
-            threads.emplace_back([&missing, set = set, start] {
-                for (uintptr_t number = start; number < start + 2000; ++number)
-                    missing += number - reinterpret_cast<uintptr_t>(set(numbered(number)));
-            });
+    const std::string longest(LONGEST, 'v'), too_long = longest + "v", rest = longest.substr(2);
+    const std::tuple<decltype(&thr_setenv), const char *, int, std::string> steps[] = {
+        {thr_setenv, nullptr, 0, ""},
+        {thr_setenv, "X;Y", 0, "X;Y"},
+        {thr_prepend_env, "W", 0, "W;X;Y"},
+        {thr_prepend_env, nullptr, -1, "W;X;Y"},
+        {thr_prepend_env, "", 0, ";W;X;Y"},
+        {thr_setenv, "", 0, ""},
+        {thr_prepend_env, longest.c_str(), 0, longest},
+        {thr_setenv, too_long.c_str(), -1, longest},
+        {thr_setenv, rest.c_str(), 0, rest},
+        {thr_prepend_env, "VV", -1, rest},
+        {thr_prepend_env, "W", 0, "W;" + rest},
+        {thr_setenv, nullptr, 0, ""},
+        {thr_setenv, longest.c_str(), 0, longest}};
+    for (const std::string &name : {std::string("THR_LIST"), longest}) {
+        for (auto &[change, value, result, after] : steps) {
+            EXPECT_EQ(change(name.c_str(), value), result);
+            EXPECT_EQ(value_of({name.begin(), name.end()}),
+                      std::wstring(after.begin(), after.end()));
         }
-        for (std::thread &thread : threads)
-            thread.join();
-        EXPECT_EQ(numbered(missing), place.load()) << import << ": the last one is still there";
     }
+    for (auto *change : {thr_setenv, thr_prepend_env})
+        EXPECT_EQ(change("", "W") + change(too_long.c_str(), "W"), -2);
+    // empty, and with letters that no one code page has together
+    for (std::wstring list : {L"", L"C:\\\x416\x443\x43A\\bin;C:\\\x141\xF3\x64\x17A"}) {
+        SetEnvironmentVariableW(L"THR_LIST", list.c_str());
+        EXPECT_EQ(thr_prepend_env("THR_LIST", "\xE9"), 0);
+        EXPECT_EQ(value_of(L"THR_LIST").substr(1), L";" + list);
+        EXPECT_EQ(std::string(getenv("THR_LIST"), 2), "\xE9;");
+    }
+}
+
+// Stands in for a function of the runtime, and sees when two threads are in one of its kind.
+template <class Result> std::atomic<int> inside;
+std::atomic<int> overlaps;
+
+template <class Result, class Argument, Result (*Function)(Argument)> Result slow(Argument argument)
+{
+    overlaps += inside<Result> ++;
+    Sleep(1);
+    Result result = Function(argument);
+    --inside<Result>;
+    return result;
+}
+
+TEST(Environment, AndHandlersChangeOneCallAtATime)
+{
+    using Handler = THR_HANDLER;
+    support::ImportPatch patches[] = {
+        {"_putenv", &slow<int, const char *, _putenv>},
+        {"_wputenv", &slow<int, const wchar_t *, _wputenv>},
+        {"_ZSt15set_new_handlerPFvvE", &slow<Handler, Handler, std::set_new_handler>},
+        {"_ZSt13set_terminatePFvvE", &slow<Handler, Handler, std::set_terminate>}};
+    const Handler one = Handler(uintptr_t(1)), two = Handler(uintptr_t(2)); // never called
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i) {
+        threads.emplace_back([=] {
+            for (int j = 0; j < 20; ++j) {
+                thr_prepend_env("THR_ADDITIONS", "x");
+                thr_setenv("THR_OTHER", "y");
+                thr_set_new_handler(one);
+                thr_set_terminate_handler(two);
+            }
+        });
+    }
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(overlaps, 0);
+    EXPECT_EQ(value_of(L"THR_ADDITIONS").size(), 3u * 20 * 2 - 1);
+    EXPECT_TRUE(std::get_new_handler() == one && std::get_terminate() == two);
+    EXPECT_TRUE(thr_set_new_handler(nullptr) == one && thr_set_terminate_handler(nullptr) == two);
 }
 
 } // namespace

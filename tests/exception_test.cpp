@@ -3,22 +3,22 @@
 
 #include "thr/thr_classes.h"
 
-#include <tuple>
+#include <sstream>
 
 #include <gtest/gtest.h>
 
 namespace
 {
 
-using Errc = THR::ERRC::FAILED_TO_CREATE_IP_MUTEX_ERRC;
-using Line = std::tuple<std::string, std::string, int, int>; // text, second text, id, level
+using Message = VELKORA_ERROR_MESSAGE;
 
-std::vector<Line> lines_of(const VELKORA_ERROR_MESSAGE &message)
+// Each line's level, text, second text and id.
+std::string lines_of(const Message &message)
 {
-    std::vector<Line> lines;
-    for (const VELKORA_ERROR_MESSAGE::LINE &line : message)
-        lines.emplace_back(line.m_text, line.m_aux_text, line.m_id, line.m_level);
-    return lines;
+    std::ostringstream text;
+    for (const Message::LINE &line : message)
+        text << line.m_level << line.m_text << "|" << line.m_aux_text << "|" << line.m_id << ";";
+    return text.str();
 }
 
 // A condition of the host's own that counts how many of it live, and can refuse to be copied.
@@ -30,7 +30,7 @@ struct Counted : THR_ERRC {
     {
         return m_can_clone ? std::make_unique<Counted>(*this) : nullptr;
     }
-    VELKORA_ERROR_MESSAGE get_error_message() const override { return {"counted", 7, {}}; }
+    Message get_error_message() const override { return {"counted", 7, {}}; }
 
     const bool m_can_clone;
     inline static int s_alive = 0;
@@ -38,21 +38,18 @@ struct Counted : THR_ERRC {
 
 TEST(Exception, ConditionSaysWhichFileFailed)
 {
-    const Errc errc("a \"b\" %s\n");
-    const std::vector<Line> lines = {{"Failed to create file lock on \"a \"b\" %s\n\"", "", -1, 0}};
-    EXPECT_EQ(lines_of(errc.get_error_message()), lines);
-    EXPECT_EQ(lines_of(errc.clone()->get_error_message()), lines);
+    const THR::ERRC::FAILED_TO_CREATE_IP_MUTEX_ERRC errc("a \"b\" %s\n");
+    EXPECT_EQ(lines_of(errc.clone()->get_error_message()),
+              "0Failed to create file lock on \"a \"b\" %s\n\"||-1;");
 }
 
 TEST(Exception, MessagesNestInTheOrderTheyAreGiven)
 {
-    VELKORA_ERROR_MESSAGE m2("M2", 2, {VELKORA_ERROR_MESSAGE("M3", 3, {})});
-    VELKORA_ERROR_MESSAGE copy("M4", 4, {});
-    copy = VELKORA_ERROR_MESSAGE("M1", 1, {m2, copy});
-    EXPECT_EQ(lines_of(copy),
-              (std::vector<Line>{
-                  {"M1", "", 1, 0}, {"M2", "", 2, 1}, {"M3", "", 3, 2}, {"M4", "", 4, 1}}));
-    EXPECT_EQ(lines_of(m2), (std::vector<Line>{{"M2", "", 2, 0}, {"M3", "", 3, 1}}));
+    const Message m2("M2", 2, {Message("M3", 3, {})});
+    Message copy("M4", 4, {});
+    copy = Message("M1", 1, {m2, copy});
+    EXPECT_EQ(lines_of(copy), "0M1||1;1M2||2;2M3||3;1M4||4;");
+    EXPECT_EQ(lines_of(m2), "0M2||2;1M3||3;");
 }
 
 TEST(Exception, EveryCopyOwnsItsCondition)
@@ -63,8 +60,7 @@ TEST(Exception, EveryCopyOwnsItsCondition)
         EXPECT_EQ(Counted::s_alive, 2);
         first.reset();
         EXPECT_EQ(Counted::s_alive, 1);
-        EXPECT_EQ(lines_of(copy.get_errc().get_error_message()),
-                  (std::vector<Line>{{"counted", "", 7, 0}}));
+        EXPECT_EQ(lines_of(copy.get_errc().get_error_message()), "0counted||7;");
     }
     EXPECT_EQ(Counted::s_alive, 0);
 }

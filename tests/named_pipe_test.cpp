@@ -5,9 +5,12 @@
 
 #include "thr/thr_classes.h"
 
+#include <array>
 #include <cstring>
 #include <map>
+#include <set>
 #include <sstream>
+#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -22,27 +25,24 @@ const std::map<std::string, bool (Pipe::*)()> ORDERS = {
     {"close", &Pipe::close},         {"remove", &Pipe::remove}};
 
 // Obeys orders one after the other, and answers with each result, or the bytes that came. An order
-// is a function; "error" asks for the last code, "write -" writes nothing, and "client" opens the
-// other pipe.
-std::string obey(Pipe &pipe, const std::string &orders, Pipe *client = nullptr)
+// is a function. One reads 5 bytes, peeks at 3, writes the next word, and "-" is no byte.
+std::string obey(Pipe &pipe, const std::string &orders)
 {
     std::string answers, order, text;
     for (std::istringstream words(orders); words >> order; answers += " ") {
+        char bytes[5];
         if (order == "write") {
             words >> text;
             answers += std::to_string(pipe.write(text.data(), text == "-" ? 0 : text.size()));
         } else if (order == "read" || order == "peek") {
-            size_t size = 0;
-            words >> size;
-            text.resize(size);
-            const auto function = order == "read" ? &Pipe::read : &Pipe::peek;
-            const int count = (pipe.*function)(text.data(), size);
-            answers += count < 0 ? "-1" : "'" + text.substr(0, count) + "'";
+            const int count = order == "read" ? pipe.read(bytes, 5) : pipe.peek(bytes, 3);
+            answers += count < 0 ? "-1" : "'" + std::string(bytes, count) + "'";
         } else if (order == "error") {
             answers += std::to_string(pipe.get_error());
+        } else if (order == "name") {
+            answers += pipe.get_name() ? pipe.get_name() : "-";
         } else {
-            answers +=
-                (order == "client" ? client->open() : (pipe.*ORDERS.at(order))()) ? "1" : "0";
+            answers += (pipe.*ORDERS.at(order))() ? "1" : "0";
         }
     }
     return answers.substr(0, answers.size() - 1);
@@ -58,125 +58,116 @@ ROLE(obeys)
 
 TEST(NamedPipe, CarriesMessagesBetweenProcesses)
 {
-    const char WAITS[] = "...";
     support::Child server("obeys"), client("obeys");
-    const struct {
-        support::Child &who;
-        std::string orders, answers; // no orders: hears the answers to the last ones
-    } steps[] = {{client, "open error", "0 2"},
-                 {server, "create", "1"},
-                 {server, "connect", WAITS},
-                 {client, "open_w error open", "0 5 1"},
-                 {server, "", "1"},
-                 {server, "connect error read 1 error", "1 535 -1 5"},
-                 // A client reads bytes: it sees no end of a message, and no empty one.
-                 {server, "write 01234 write - write abcdef", "5 0 6"},
-                 {client, "peek 3 read 5 read 5 read 5", "'012' '01234' 'abcde' 'f'"},
-                 {server, "write last", "4"},
-                 {server, "remove", WAITS},
-                 {client, "read 2 read 9 read 9 close", "'la' 'st' -1 1"},
-                 {server, "", "1"},
-                 // A server reads message by message, and never waits.
-                 {server, "create_r read 5 error connect connect_r", "1 -1 536 0 0"},
-                 {client, "open_w", "1"},
-                 {server, "connect_r connect read 5 error peek 5", "1 1 -1 232 ''"},
-                 {client, "write 01234 write abcdef write - write x", "5 6 0 1"},
-                 {server, "peek 3 read 5 error read 5 error", "'012' '01234' 232 'abcde' 234"},
-                 {server, "read 5 read 5 read 5", "'f' '' 'x'"},
-                 {client, "close", "1"},
-                 {server, "read 5 error remove", "-1 109 1"}};
+    // the orders, none for what still runs, and the answers, or dots while it does
+    const std::tuple<support::Child &, std::string, std::string> steps[] = {
+        {client, "open error", "0 2"},
+        {server, "create", "1"},
+        {server, "connect", "..."},
+        {client, "open_w error open", "0 5 1"},
+        {server, "", "1"},
+        {server, "connect error read error write 01234", "1 535 -1 5 5"},
+        {client, "peek read", "'012' '01234'"},
+        {server, "write abcdef remove", "..."},
+        {client, "read read read close", "'abcde' 'f' -1 1"},
+        {server, "", "6 1"},
+        // A server reads message by message, and never waits.
+        {server, "create_r read error connect connect_r", "1 -1 536 0 0"},
+        {client, "open_w write 01234 write abcdef write -", "1 5 6 0"},
+        {server, "connect_r connect peek read error", "1 1 '012' '01234' 535"},
+        {server, "read error read read read error peek", "'abcde' 234 'f' '' -1 232 ''"},
+        {client, "close", "1"},
+        {server, "read error remove", "-1 109 1"}};
     for (const auto &[who, orders, answers] : steps) {
         if (!orders.empty())
             who.write_line(orders);
-        const DWORD patience = answers == WAITS ? 50 : support::PATIENCE_MS;
-        ASSERT_EQ(who.read_line(patience).value_or(WAITS), answers) << orders;
+        const DWORD patience = answers == "..." ? 50 : support::PATIENCE_MS;
+        ASSERT_EQ(who.read_line(patience).value_or("..."), answers) << orders;
     }
 }
 
 // --- call by call -------------------------------------------------------------------------------
 
-// The codes with which the system refuses spied calls in turn, 0 for none; and those calls: a word
-// and the arguments, with "!" for a pointer or handle that is none.
-std::istringstream refusals;
+// The outcomes of the spied calls in turn: "+" for a result that is pretended, a code for a
+// refusal, else the system's. And those calls, with "!" for a pointer or handle that is none: each
+// as a letter with its first argument, and the manners in which they were made.
+std::istringstream outcomes;
 std::string calls;
+std::set<std::string> manners;
 
-template <auto *Function> struct Spy;
-template <class Result, class... Args, Result (*Function)(Args...)> struct Spy<Function> {
-    Spy(const char *name, const char *word) : m_patch(name, &call) { s_word = word; }
+struct Argument {
     static std::string shown(DWORD number) { return "," + std::to_string(number); }
     static std::string shown(const void *p) { return p && p != INVALID_HANDLE_VALUE ? "" : "!"; }
     static std::string shown(const char *path) { return strrchr(path, '\\') + 1; } // of a pipe
-    static Result call(Args... args)
-    {
-        calls += (s_word + ... + shown(args)) + " ";
-        DWORD code = 0;
-        if (!(refusals >> code) || code == 0)
-            return Function(args...);
-        SetLastError(code);
-        return Result(std::is_pointer_v<Result> ? -intptr_t(1) : 0);
-    }
-    inline static std::string s_word;
-    support::ImportPatch m_patch;
 };
+
+template <char LETTER, auto FUNCTION, class Result, class First, class... Rest>
+support::ImportPatch spy(const char *name, Result (*)(First, Rest...))
+{
+    auto *call = +[](First first, Rest... rest) {
+        calls += LETTER + Argument::shown(first) + " ";
+        manners.insert((std::string(1, LETTER) + ... + Argument::shown(rest)));
+        std::string outcome = "-";
+        outcomes >> outcome;
+        if (outcome == "-")
+            return FUNCTION(first, rest...);
+        if (outcome == "+")
+            return Result(intptr_t(1));
+        SetLastError(std::stoi(outcome));
+        return Result(std::is_pointer_v<Result> ? -intptr_t(1) : 0);
+    };
+    return {name, call};
+}
+
+#define SPY(letter, function) spy<letter, function>(#function, function)
 
 TEST(NamedPipe, AsksForWhatItNeedsAndForgetsReleasedHandles)
 {
     EXPECT_INTERNAL_ERROR(Pipe(nullptr), "name != 0", "thr_named_pipe");
-    {
-        auto refuse_without_code = +[](HANDLE, OVERLAPPED *) { return SetLastError(0), FALSE; };
-        support::ImportPatch patch("ConnectNamedPipe", refuse_without_code);
-        EXPECT_TRUE(Pipe("pipe").connect());
-    }
-    Spy<&CreateNamedPipeA> named("CreateNamedPipeA", "create:");
-    Spy<&CreateFileA> open("CreateFileA", "open:");
-    Spy<&WaitNamedPipeA> wait("WaitNamedPipeA", "wait:");
-    Spy<&FlushFileBuffers> flush("FlushFileBuffers", "flush");
-    Spy<&DisconnectNamedPipe> disconnect("DisconnectNamedPipe", "disconnect");
-    Spy<&CloseHandle> close("CloseHandle", "close");
-    auto create = [](const std::string &name) {
-        return "create:" + name + ",524290,6,255,512,512,0! ";
-    };
-    const std::string made = create("pipe"), opened = "open:pipe,2147483648,0!,3,0! ",
-                      waited = "wait:pipe,20000 ", removed = "flush disconnect close ",
-                      not_removed = "flush! disconnect! ", longest(503, 'n');
+    static int blocks; // of memory that the library has
+    auto *take = +[](size_t size) { return ++blocks, malloc(size); };
+    auto *give = +[](void *block) { blocks -= !!block, free(block); };
+    support::ImportPatch patches[] = {
+        SPY('m', CreateNamedPipeA), SPY('o', CreateFileA),      SPY('w', WaitNamedPipeA),
+        SPY('c', ConnectNamedPipe), SPY('f', FlushFileBuffers), SPY('d', DisconnectNamedPipe),
+        SPY('x', CloseHandle),      {"malloc", take},           {"free", give}};
+    const std::string longest(503, 'n');
     std::string all_refused, all_tried;
     for (int i = 0; i < 255; i++) {
         all_refused += "5 ";
-        all_tried += create("vpipe" + std::to_string(i));
+        all_tried += "mvpipe" + std::to_string(i) + " ";
     }
-    // Wine gives a name to a second server too, so that only what is asked for can be seen.
-    const struct {
-        std::string name, refused, orders, answers, calls; // until its end
-    } cases[] = {
-        {"", "123", "create error remove", "0 123 0", create("vpipe0") + not_removed + not_removed},
-        {"", all_refused, "create error", "0 5", all_tried + not_removed},
-        {"", "5 5", "create_r error", "1 5",
-         create("vpipe0") + create("vpipe1") + create("vpipe2") + removed},
-        {longest + "nn", "206", "create", "0", create(longest) + not_removed},
-        {"in", "", "create_r remove error", "1 0 536",
-         "create:in,524289,7,255,512,512,0! flush disconnect " + removed},
-        {"pipe", "", "remove close connect error", "0 0 0 6", not_removed + "close! "},
-        {"pipe", "", "create close remove close", "1 1 0 0",
-         made + "close " + not_removed + "close! " + not_removed},
-        {"pipe", "", "create client connect remove close", "1 1 1 1 0",
-         made + opened + removed + "close! "},
-        {"pipe", "0 0 5", "create client remove error", "1 1 1 5", made + opened + removed},
-        {"pipe", "0 0 0 5", "create client remove error", "1 1 0 5",
-         made + opened + "flush disconnect " + removed},
-        {"pipe", "231 121", "open error", "0 231", opened + waited},
-        {"pipe", "0 5", "create client", "1 0", made + opened + waited + removed},
-        {"pipe", "0 231 0 231 0", "create client", "1 1",
-         made + opened + waited + opened + waited + opened + removed}};
-    for (const auto &[name, refused, orders, answers, expected] : cases) {
-        Pipe client("pipe");
+    // The name, the outcomes, the orders, the answers, and the calls until the pipe's end. Wine
+    // gives a name to a second server too, so that only what is asked for can be seen.
+    const std::array<std::string, 5> cases[] = {
+        {"", "", "open error write x error open_w read error", "0 2 -1 6 0 -1 6", ""},
+        {"", "", "open peek error open close error name", "0 -1 6 0 0 6 -", "x! "},
+        {"", "", "open connect error open remove error", "0 0 6 0 0 6", "c! f! d! "},
+        {"", "123", "create error remove", "0 123 0", "mvpipe0 f! d! f! d! "},
+        {"", all_refused, "create error name", "0 5 -", all_tried + "f! d! "},
+        {"", "5 5", "create_r error name close create name", "1 5 vpipe2 1 1 vpipe0",
+         "mvpipe0 mvpipe1 mvpipe2 x mvpipe0 f d x "},
+        {longest + "nn", "206", "create_r", "0", "m" + longest + " f! d! "},
+        {"N", "", "create_r remove error", "1 0 536", "mN f d f d x "},
+        {"N", "- 0", "create connect", "1 1", "mN c f d x "},
+        {"N", "", "create close remove close", "1 1 0 0", "mN x f! d! x! f! d! "},
+        {"N", "- 5 +", "create remove error remove close", "1 1 5 0 0", "mN f d x f! d! x! "},
+        {"N", "- + 5", "create remove error", "1 0 5", "mN f d f d x "},
+        {"N", "+ + + 5", "create remove error", "1 1 5", "mN f d x "},
+        {"N", "231 121", "open error", "0 231", "oN wN "},
+        {"N", "5 +", "open_w", "0", "oN wN "},
+        {"N", "231 + 0 + +", "open", "1", "oN wN oN wN oN "}};
+    for (const auto &[name, script, orders, answers, expected] : cases) {
         auto pipe = std::make_unique<Pipe>(name.c_str());
-        refusals = std::istringstream(refused), calls = "";
-        EXPECT_EQ(obey(*pipe, orders, &client), answers);
-        EXPECT_EQ(refused == "5 5" ? "vpipe2" : name, pipe->get_name() ? pipe->get_name() : "");
+        outcomes = std::istringstream(script), calls = "";
+        EXPECT_EQ(obey(*pipe, orders), answers);
         pipe.reset();
         EXPECT_EQ(calls, expected);
-        client.close();
     }
+    EXPECT_EQ(blocks, 0);
+    EXPECT_EQ(manners, (std::set<std::string>{"c!", "d", "f", "m,524289,7,255,512,512,0!",
+                                              "m,524290,6,255,512,512,0!", "o,1073741824,0!,3,0!",
+                                              "o,2147483648,0!,3,0!", "w,20000", "x"}));
 }
 
 } // namespace

@@ -63,8 +63,9 @@ TEST(LongPath, TakesEveryFormOfPath)
     const std::pair<const char *, std::wstring> cases[] = {
         {nullptr, L""},
         {"", L""},
-        {"C:/a/./c/../b.txt", L"\\\\?\\C:\\a\\b.txt"},
-        {"\\\\srv\\share\\f", L"\\\\?\\UNC\\srv\\share\\f"},
+        {"C:/a/./c/../b%s%n\xff.txt", L"\\\\?\\C:\\a\\b%s%n\xfffd.txt"},
+        {"//?/C:/d/", L"\\\\?\\C:\\d\\"},
+        {"//srv/share/f", L"\\\\?\\UNC\\srv\\share\\f"},
         {"\\\\?\\C:\\x", L"\\\\?\\C:\\x"},
         {"\\\\.\\pipe\\p", L"\\\\.\\pipe\\p"},
         {"\xc3\xa4\xe5\x90\x8d\xf0\x9f\x98\x80", // relative, in UTF-8
@@ -72,23 +73,6 @@ TEST(LongPath, TakesEveryFormOfPath)
     };
     for (const auto &[path, expected] : cases)
         EXPECT_EQ(thr_osi_long_path(path).c_str(), expected) << (path ? path : "null");
-}
-
-TEST(LongPath, RefusedConversionFailsTheRuntimesAssertion)
-{
-    for (int nth : {1, 2}) {
-        const std::string size = nth == 1 ? "required" : "actual";
-        auto refuse_unicode = [nth] {
-            Fake<decltype(MultiByteToWideChar)> refused("MultiByteToWideChar", nth);
-            thr_osi_long_path("C:\\x");
-        };
-        auto refuse_full = [nth] {
-            Fake<decltype(GetFullPathNameW)> refused("GetFullPathNameW", nth);
-            thr_osi_long_path("C:\\x");
-        };
-        EXPECT_EXIT(refuse_unicode(), testing::ExitedWithCode(3), size + "_unicode_path_size != 0");
-        EXPECT_EXIT(refuse_full(), testing::ExitedWithCode(3), size + "_unc_path_size != 0");
-    }
 }
 
 // --- temporary names ----------------------------------------------------------------------------
@@ -99,13 +83,14 @@ const char COMPUTER[] = "h\xe9st.lan";
 
 ROLE(names_files)
 {
-    Fake<decltype(GetComputerNameExA)> computer(
-        "GetComputerNameExA", [](COMPUTER_NAME_FORMAT format, char *name, DWORD *size) {
-            if (name && *size >= sizeof COMPUTER && format == ComputerNamePhysicalDnsFullyQualified)
-                strcpy(name, COMPUTER);
-            *size = sizeof COMPUTER;
-            return name != nullptr;
-        });
+    auto name = [](COMPUTER_NAME_FORMAT format, char *text, DWORD *size) -> BOOL {
+        const bool fits = text && *size >= sizeof COMPUTER;
+        if (fits && format == ComputerNamePhysicalDnsFullyQualified)
+            strcpy(text, COMPUTER);
+        *size = sizeof COMPUTER;
+        return fits;
+    };
+    Fake<decltype(GetComputerNameExA)> computer("GetComputerNameExA", name);
     Fake<decltype(_time64)> clock("_time64", 0, static_cast<__time64_t>(0x8fc12005a39eeb70));
     Fake<decltype(GetCurrentThreadId)> thread("GetCurrentThreadId", 0, 4242);
     for (const wchar_t *path : {L"\\\\?\\C:\\d\\f", L"a/b\\c/f", L"f"})
@@ -125,9 +110,14 @@ TEST(TempName, NumbersFollowFromTheirInputs)
 
 const int DIRECTORY_FLAG = 0x2000; // the runtime's headers leave it out
 
-TEST(Open, TurnsFlagsIntoASystemCall)
+TEST(Open, TurnsFlagsIntoASystemCallUnderAMutexNamedByThePath)
 {
     const DWORD READ = GENERIC_READ, WRITE = GENERIC_WRITE | DELETE;
+    const THR_WIDE_TEXT path = L"cIi83ZT"; // its hash needs the zero fill
+    THR_HANDLE mutex(CreateMutexA(nullptr, FALSE, ".velkora.04FDBF67.sem"));
+    auto expect_elsewhere = [&](DWORD waited) { // by a thread that ends holding it
+        std::thread([&] { EXPECT_EQ(WaitForSingleObject(mutex.get(), 0), waited); }).join();
+    };
     const struct {
         int m_flags, m_mode;
         DWORD m_access, m_disposition, m_attributes;
@@ -144,41 +134,25 @@ TEST(Open, TurnsFlagsIntoASystemCall)
     testing::internal::CaptureStderr();
     for (const auto &c : cases) {
         SCOPED_TRACE(c.m_flags);
-        auto create = [&](LPCWSTR path, DWORD access, DWORD share, SECURITY_ATTRIBUTES *security,
+        auto create = [&](LPCWSTR name, DWORD access, DWORD share, SECURITY_ATTRIBUTES *security,
                           DWORD disposition, DWORD attributes, HANDLE) {
-            EXPECT_STREQ(path, L"C:\\the file");
+            EXPECT_EQ(name, path);
             EXPECT_EQ(share, 7u);
             EXPECT_EQ(security->bInheritHandle, !(c.m_flags & _O_NOINHERIT));
             EXPECT_EQ(std::tuple(access, disposition, attributes),
                       std::tuple(c.m_access, c.m_disposition, c.m_attributes));
+            expect_elsewhere(WAIT_TIMEOUT);
             return INVALID_HANDLE_VALUE;
         };
         Fake<decltype(CreateFileW)> patch("CreateFileW", create);
-        EXPECT_EQ(thr_osi_open(L"C:\\the file", c.m_flags, c.m_mode), -1);
+        EXPECT_EQ(thr_osi_open(path, c.m_flags, c.m_mode), -1);
+        EXPECT_EQ(patch.calls(), 1);
+        expect_elsewhere(WAIT_OBJECT_0);
     }
     EXPECT_EQ(testing::internal::GetCapturedStderr(), // of the last case
               "Improper or unspecified R/W file open flag: 3\n"
               "Improper use of _O_EXCL file open flag\n"
               "Improper use of _O_TRUNC file open flag\n");
-}
-
-TEST(Open, HoldsAMutexNamedByThePath)
-{
-    // The path is one whose hash needs the zero fill.
-    HANDLE mutex = CreateMutexA(nullptr, FALSE, ".velkora.04FDBF67.sem");
-    auto expect_elsewhere = [=](DWORD waited) {
-        std::thread([=] { EXPECT_EQ(WaitForSingleObject(mutex, 0), waited); }).join();
-    };
-    Fake<decltype(CreateFileW)> create("CreateFileW", [&](auto...) {
-        expect_elsewhere(WAIT_TIMEOUT);
-        return INVALID_HANDLE_VALUE;
-    });
-    for (int times : {1, 2}) {
-        thr_osi_open(L"cIi83ZT", _O_RDONLY, 0600);
-        EXPECT_EQ(create.calls(), times);
-        expect_elsewhere(WAIT_OBJECT_0); // by a thread that ends holding it
-    }
-    CloseHandle(mutex);
 }
 
 // --- files and directories ----------------------------------------------------------------------
@@ -196,26 +170,29 @@ TEST(Files, AreWrittenFoundAndRemovedUnderAnyName)
     const std::string deep(200, 'd'), path = deep + "/" + deep, file = path + "/\xc3\xa4";
     for (const std::string &directory : {deep, path})
         EXPECT_TRUE(CreateDirectoryW(thr_osi_long_path(directory.c_str()).c_str(), nullptr));
-    auto create = [&] {
-        return thr_osi_open(thr_osi_long_path(file.c_str()), _O_RDWR | _O_CREAT | _O_EXCL, 0600);
-    };
-    const int descriptor = create();
+    const int flags = _O_RDWR | _O_CREAT | _O_EXCL;
+    const int descriptor = thr_osi_open(thr_osi_long_path(file.c_str()), flags, 0600);
     EXPECT_EQ(_write(descriptor, "ab", 2), 2);
     EXPECT_EQ(_close(descriptor), 0);
-    EXPECT_EQ(create(), -1) << "it is there";
     struct _stat64i32 record;
-    EXPECT_EQ(thr_osi_stat(nullptr, &record), -1);
     EXPECT_EQ(thr_osi_stat(file.c_str(), &record), 0);
-    EXPECT_EQ(record.st_mode & 0xC000, 0x8000);
-    EXPECT_EQ(record.st_size, 2);
+    EXPECT_EQ(std::pair(record.st_mode & 0xC000, record.st_size), std::pair(0x8000, 2L));
     EXPECT_EQ(thr_osi_stat((path + "\\").c_str(), &record), 0);
     EXPECT_EQ(record.st_mode & 0xC000, 0x4000);
+    {
+        Fake<decltype(CreateFileW)> create("CreateFileW", [](auto... args) {
+            EXPECT_FALSE(std::get<3>(std::tuple(args...))->bInheritHandle) << "by a child";
+            return INVALID_HANDLE_VALUE;
+        });
+        EXPECT_EQ(thr_osi_stat(file.c_str(), &record), -1);
+    }
+    EXPECT_EQ(thr_osi_stat(nullptr, &record), -1);
     EXPECT_EQ(thr_osi_remove(path.c_str()), -1) << "not empty";
-    EXPECT_TRUE(thr_osi_path_exists(file.c_str()));
-    EXPECT_EQ(thr_osi_remove(file.c_str()), 0);
-    EXPECT_FALSE(thr_osi_path_exists(file.c_str()));
-    EXPECT_EQ(thr_osi_remove((path + "/").c_str()), 0);
-    EXPECT_FALSE(thr_osi_path_exists(path.c_str()));
+    for (const std::string &removed : {file, path + "/"}) {
+        EXPECT_TRUE(thr_osi_path_exists(removed.c_str()));
+        EXPECT_EQ(thr_osi_remove(removed.c_str()), 0);
+        EXPECT_FALSE(thr_osi_path_exists(removed.c_str()));
+    }
     current_path(before);
 }
 
@@ -234,7 +211,7 @@ TEST(Remove, RenamesAFileThatCantBeDeleted)
         {FILE | FILE_ATTRIBUTE_OFFLINE, 1, 0, -1, 0},
     };
     for (const auto &c : cases) {
-        std::wstring deleted, renamed;
+        std::wstring deleted, renamed = L"not at all";
         Fake<decltype(DeleteFileW)> remove("DeleteFileW", [&](LPCWSTR path) {
             deleted = path;
             return remove.calls() > c.m_refused_deletes;
@@ -254,45 +231,43 @@ TEST(Remove, RenamesAFileThatCantBeDeleted)
 
 TEST(CurrentDirectory, IsReadWhenItFits)
 {
-    std::string directory;
-    Fake<decltype(GetCurrentDirectoryW)> get("GetCurrentDirectoryW", [&](DWORD size, LPWSTR text) {
-        if (directory.size() >= size)
-            return static_cast<DWORD>(directory.size() + 1);
-        wcscpy(text, std::wstring(directory.begin(), directory.end()).c_str());
-        return static_cast<DWORD>(directory.size());
-    });
     const std::string longest = "C:\\" + std::string(1020, 'd');
     const struct {
         std::string m_directory;
         size_t m_size;
+        int m_longer; // that much, in the ANSI code page
         const char *m_read;
     } cases[] = {
-        {"C:\\w", 5, "C:\\w"},
-        {"C:\\w", 4, nullptr},
-        {"\\\\srv\\share\\d", 14, "srv\\share\\d"},
-        {"\\\\srv\\share\\d", 13, nullptr}, // the length of the whole text counts
-        {longest, 1024, longest.c_str()},
-        {longest + "d", 4096, nullptr},
+        {"C:\\w", 5, 0, "C:\\w"},
+        {"C:\\w", 4, 0, nullptr},
+        {"C:\\w", 6, 1, "C:\\ww"},
+        {"C:\\w", 5, 1, nullptr}, // all but the terminator
+        {"\\\\srv\\share\\d", 14, 0, "srv\\share\\d"},
+        {"\\\\srv\\share\\d", 13, 0, nullptr}, // the length of the whole text counts
+        {longest, 1024, 0, longest.c_str()},
+        {longest + "d", 4096, 0, nullptr},
     };
-    for (const auto &c : cases) {
-        directory = c.m_directory;
+    for (const auto &[directory, size, longer, read] : cases) {
+        auto get = [&, path = directory](DWORD capacity, LPWSTR text) {
+            const bool fits = path.size() < capacity;
+            wcscpy(text, fits ? std::wstring(path.begin(), path.end()).c_str() : L"");
+            return static_cast<DWORD>(path.size() + !fits);
+        };
+        Fake<decltype(GetCurrentDirectoryW)> directory_is("GetCurrentDirectoryW", get);
+        // Takes no flags, as where UTF-8 is the ANSI code page.
+        auto convert = [more = longer](UINT, DWORD flags, LPCWSTR text, int length, LPSTR to,
+                                       auto...) {
+            SetLastError(ERROR_INVALID_FLAGS);
+            std::fill(std::copy(text, text + length, to), to + length + more, 'w');
+            return flags ? 0 : length + more;
+        };
+        Fake<decltype(WideCharToMultiByte)> conversion("WideCharToMultiByte", convert);
         char buffer[4096];
-        EXPECT_STREQ(thr_osi_getcwd(buffer, c.m_size), c.m_read) << directory;
-        EXPECT_STREQ(THR_HEAP_TEXT(thr_osi_getcwd(nullptr, c.m_size)).get(), c.m_read) << directory;
+        EXPECT_STREQ(thr_osi_getcwd(buffer, size), read);
+        EXPECT_STREQ(THR_HEAP_TEXT(thr_osi_getcwd(nullptr, size)).get(), read);
     }
-    directory = "C:\\w";
-    char buffer[10];
-    auto no_flags = [](UINT, DWORD flags, auto...) { // as UTF-8 has it
-        SetLastError(ERROR_INVALID_FLAGS);
-        return flags ? 0 : 4;
-    };
-    Fake<decltype(WideCharToMultiByte)> convert("WideCharToMultiByte", no_flags);
-    EXPECT_EQ(thr_osi_getcwd(buffer, 10), buffer);
-    auto refused = [] {
-        support::RefusedMalloc malloc(1, OWN);
-        thr_osi_getcwd(nullptr, 10);
-    };
-    EXPECT_INTERNAL_ERROR(refused(), "buf", "thr_osi_sys");
+    EXPECT_INTERNAL_ERROR((support::RefusedMalloc(1, OWN), thr_osi_getcwd(nullptr, 1000)), "buf",
+                          "thr_osi_sys");
 }
 
 } // namespace

@@ -16,6 +16,8 @@
 
 #include <gtest/gtest.h>
 
+#include <io.h>
+
 using namespace support;
 
 namespace
@@ -37,11 +39,8 @@ void report_with_code(DWORD code)
 
 // --- texts --------------------------------------------------------------------------------------
 
-TEST(OsFailureReport, HasItsValuesInTheirPlaces)
+TEST(OsFailureReport, HasItsValuesInTheirPlacesAndIsCutAt32767Characters)
 {
-    ReportRecorder reports;
-    report("do it", nullptr, 0);
-    report("do it", "50%s full", 0);
     const std::string head =
         "OS Failure: Os could not do it\n\n"
         "Velkora requested that Os do it, but Os could not do so.\n"
@@ -52,50 +51,41 @@ TEST(OsFailureReport, HasItsValuesInTheirPlaces)
         "   * Take advice\n\n"
         "Technical details:\n"
         "   * API: Call(x)\n"
-        "   * OS code: -7 ";
-    EXPECT_EQ(reports.take_messages(),
-              (std::vector<std::string>{head + "(no additional information available)\n",
-                                        head + "(50%s full)\n"}));
-}
-
-TEST(OsFailureReport, IsCutAt32767Characters)
-{
+        "   * OS code: -7 (";
+    const std::string longest(32765 - head.size(), 'm');
     ReportRecorder reports;
-    report("do it", "", 0);
-    const size_t without_message = reports.take_messages().at(0).size();
-    for (size_t whole : {32767, 32768}) {
-        report("do it", std::string(whole - without_message, 'm').c_str(), 0);
-        const std::string text = reports.take_messages().at(0);
-        EXPECT_EQ(text.size(), 32767u);
-        EXPECT_EQ(text.substr(32763), whole == 32767 ? "mm)\n" : "mmm)");
-    }
+    for (const std::string &words : {std::string("50%s full"), longest, longest + "m"})
+        report("do it", words.c_str(), 0);
+    report("do it", nullptr, 0);
+    const std::vector<std::string> expected = {head + "50%s full)\n", head + longest + ")\n",
+                                               head + longest + "m)",
+                                               head + "no additional information available)\n"};
+    EXPECT_EQ(reports.take_messages(), expected);
 }
 
-// What the system gives for the full buffer size, and for one unit less.
-std::string words_at_full_size, words_at_less;
+// What the system gives for the full buffer size, what for one unit less, and what is shown.
+using Words = const char *[3];
+const Words *scripted;
 
 DWORD scripted_format_message(DWORD, LPCVOID, DWORD, DWORD, LPSTR buffer, DWORD size)
 {
     SetLastError(ERROR_INVALID_PARAMETER);
-    strcpy(buffer, (size == 32768 ? words_at_full_size : words_at_less).c_str());
-    return static_cast<DWORD>(strlen(buffer));
+    return static_cast<DWORD>(strlen(strcpy(buffer, (*scripted)[size < 32768])));
 }
 
 TEST(Win32Failure, ShowsTheSystemsWordsWithoutTheirLineBreak)
 {
-    const char *const cases[][3] = {{"Access denied.\r\n", "no", "Access denied."},
-                                    {"\r\n", "no", ""},
-                                    {"", "Access denied.\r\n", "Access denied."},
-                                    {"x", "", "no additional information available"}};
+    const Words cases[] = {{"Access denied.\r\n", "no", "Access denied."},
+                           {"\r\n", "no", ""},
+                           {"", "Access denied.\r\n", "Access denied."},
+                           {"x", "", "no additional information available"}};
     ReportRecorder reports;
     ImportPatch patch("FormatMessageA", &scripted_format_message, OWN);
-    for (auto &[full_size, less, shown] : cases) {
-        words_at_full_size = full_size;
-        words_at_less = less;
+    for (const Words &words : cases) {
+        scripted = &words;
         report_with_code(0x80000005);
-        const std::string text = reports.take_messages().at(0);
-        EXPECT_EQ(text.substr(text.rfind("OS")),
-                  "OS code: -2147483643 (" + std::string(shown) + ")\n");
+        const std::string text = reports.take_messages().at(0), shown = words[2];
+        EXPECT_EQ(text.substr(text.rfind("OS")), "OS code: -2147483643 (" + shown + ")\n");
     }
 }
 
@@ -128,6 +118,30 @@ TEST(ReportDeathTest, WithoutAHookIsPrintedAndEndsTheProcessThroughExit)
                     "\nLocation: some/file\\.cpp:21\ngoodbye\n$");
 }
 
+std::atomic<bool> has_gone_on;
+
+// The directory lock is held when the library finds that a directory can't be entered.
+void report_under_a_lock()
+{
+    ImportPatch patch(
+        "SetCurrentDirectoryW", +[](const wchar_t *) { return FALSE; }, OWN);
+    thr_set_report_func([](auto...) {
+        std::thread([] {
+            thr_ip_mutex_create("needs the lock");
+            has_gone_on = true;
+        }).detach();
+        for (DWORD ms = 0; ms < PATIENCE_MS && !has_gone_on; ++ms)
+            Sleep(1);
+        fputs(has_gone_on ? "went on" : "still waits", stderr);
+    });
+    thr_ip_mutex_create("./db");
+}
+
+TEST(ReportDeathTest, LetsGoOfTheLibrarysLocks)
+{
+    EXPECT_EXIT(report_under_a_lock(), testing::ExitedWithCode(-1), "^went on$");
+}
+
 thread_local DWORD code_of_thread;
 std::atomic<int> reports_in_hook, own_reports;
 
@@ -135,32 +149,21 @@ std::atomic<int> reports_in_hook, own_reports;
 void compare_when_both_report(const char *message, const char *, const char *, int)
 {
     ++reports_in_hook;
-    for (int tries = 0; tries < 10000 && reports_in_hook < 2; ++tries)
+    for (DWORD ms = 0; ms < PATIENCE_MS && reports_in_hook < 2; ++ms)
         Sleep(1);
     own_reports += message == os_failure_text("do it", "Call(x)", code_of_thread);
 }
 
-TEST(Report, GoesToTheHookAndReturnsOnThreadsAtOnce)
+TEST(Report, GoesToTheHookAndReturnsOnThreadsAtOnceAndAllocatesNothing)
 {
-    reports_in_hook = own_reports = 0;
+    RefusedMalloc heap(1, OWN);
     thr_set_report_func(compare_when_both_report);
-    std::vector<std::thread> threads;
-    for (DWORD code : {ERROR_ACCESS_DENIED, ERROR_ALREADY_EXISTS})
-        threads.emplace_back([code] { report_with_code(code_of_thread = code); });
-    for (std::thread &thread : threads)
-        thread.join();
+    auto report_on_thread = [](DWORD code) { report_with_code(code_of_thread = code); };
+    std::thread other(report_on_thread, ERROR_ACCESS_DENIED);
+    report_on_thread(ERROR_ALREADY_EXISTS);
+    other.join();
     thr_set_report_func(nullptr);
     EXPECT_EQ(own_reports, 2);
-}
-
-TEST(Report, AllocatesNothing)
-{
-    static bool is_reported;
-    RefusedMalloc heap(1, OWN);
-    thr_set_report_func([](auto...) { is_reported = true; });
-    thr_check_win32_handle(nullptr, "do it", "Call(x)", "f", 1, 0);
-    thr_set_report_func(nullptr);
-    EXPECT_TRUE(is_reported);
     EXPECT_FALSE(heap.happened());
 }
 
@@ -168,30 +171,31 @@ void print_debug(const char *sub_system, const char *format, va_list args)
 {
     printf("hook: %s: ", sub_system);
     vprintf(format, args);
-    printf("\n");
 }
 
-ROLE(debug_channel)
+void send_through(THR_DEBUG_FUNC hook, int fake_debug)
 {
-    const struct {
-        THR_DEBUG_FUNC hook;
-        int fake_debug;
-    } steps[] = {{nullptr, 0}, {print_debug, 0}, {nullptr, 2}, {nullptr, 0}, {print_debug, 0}};
-    for (auto &step : steps) {
-        thr_set_debug_func(step.hook, step.fake_debug);
-        thr_debug_message("%s %d", "word", 7);
-        say("done");
-    }
-    return 0;
+    thr_set_debug_func(hook, fake_debug);
+    thr_debug_message("%s %d", "word", 7);
+    puts(";");
 }
 
-TEST(DebugChannel, GoesToTheHookElseToFakeDebugElseNowhere)
+void use_debug_channel()
 {
-    Child child("debug_channel");
-    for (const char *line : {"done", "hook: THR: word 7", "done", "Fake Debug: THR: word 7", "done",
-                             "Fake Debug: THR: word 7", "done", "hook: THR: word 7", "done"})
-        EXPECT_EQ(child.read_line(), line);
-    EXPECT_EQ(child.wait(), 0);
+    _dup2(2, 1); // standard error is what the test sees
+    send_through(nullptr, 0);
+    send_through(print_debug, 0);
+    send_through(nullptr, 2);
+    send_through(nullptr, 0);
+    send_through(print_debug, 0);
+    exit(0);
+}
+
+TEST(DebugChannelDeathTest, GoesToTheHookElseToFakeDebugElseNowhere)
+{
+    EXPECT_EXIT(use_debug_channel(), testing::ExitedWithCode(0),
+                "^;\nhook: THR: word 7;\nFake Debug: THR: word 7\n;\n"
+                "Fake Debug: THR: word 7\n;\nhook: THR: word 7;\n$");
 }
 
 // --- the debugger -------------------------------------------------------------------------------
@@ -200,10 +204,9 @@ std::string told_debugger;
 
 TEST(Debugger, IsToldAndStoppedIn)
 {
-    ImportPatch tell(
-        "OutputDebugStringA", +[](const char *text) { told_debugger += text; }, OWN);
-    ImportPatch stop(
-        "DebugBreak", +[] { told_debugger += "stop"; }, OWN);
+    auto tell = +[](const char *text) { told_debugger += text; };
+    auto stop = +[] { told_debugger += "stop"; };
+    ImportPatch patches[] = {{"OutputDebugStringA", tell, OWN}, {"DebugBreak", stop, OWN}};
     thr_win32_output_debug_string("text ");
     thr_debug_break();
     EXPECT_EQ(told_debugger, "text stop");

@@ -6,8 +6,8 @@
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <future>
 #include <random>
+#include <string>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -40,41 +40,14 @@ Counts counts_of(THR_RW_SEM sem)
     return counts;
 }
 
-// The two ways to hold the semaphore.
-struct Access {
-    void (*lock)(THR_RW_SEM);
-    int (*try_lock)(THR_RW_SEM);
-    void (*unlock)(THR_RW_SEM);
-};
-
-const Access READ = {thr_rw_sem_read_lock, thr_rw_sem_read_try_lock, thr_rw_sem_read_unlock};
-const Access WRITE = {thr_rw_sem_write_lock, thr_rw_sem_write_try_lock, thr_rw_sem_write_unlock};
-
-TEST(RwSem, ANullSemaphoreIsAlwaysAvailable)
+// Ends the process when it hangs: its threads could not be joined.
+template <class Condition> void await(Condition condition)
 {
-    for (const Access &access : {READ, WRITE}) {
-        access.lock(nullptr);
-        EXPECT_EQ(access.try_lock(nullptr), 1);
-        access.unlock(nullptr);
-    }
-    thr_rw_sem_destroy(nullptr);
-}
-
-// Plays a scene with a semaphore. Ends the process when it hangs: its threads could not be joined.
-template <class Scene> void play(Scene scene)
-{
-    THR_RW_SEM sem = thr_rw_sem_create();
-    auto end = std::async(std::launch::async, scene, sem);
-    if (end.wait_for(std::chrono::milliseconds(PATIENCE_MS)) != std::future_status::ready)
-        TerminateProcess(GetCurrentProcess(), 3);
-    thr_rw_sem_destroy(sem);
-    free(sem);
-}
-
-template <class Condition> void until(Condition condition)
-{
-    while (!condition())
+    for (DWORD ms = 0; !condition(); ++ms) {
+        if (ms == PATIENCE_MS)
+            TerminateProcess(GetCurrentProcess(), 3);
         Sleep(1);
+    }
 }
 
 // A thread that asks for the semaphore, and has it until it is told to leave.
@@ -82,61 +55,68 @@ struct Actor {
     std::atomic<bool> in{false}, may_leave{false};
     std::thread thread;
 
-    Actor(THR_RW_SEM sem, const Access &access)
+    Actor(THR_RW_SEM sem, void (*lock)(THR_RW_SEM), void (*unlock)(THR_RW_SEM))
         : thread([=] {
-              access.lock(sem);
+              lock(sem);
               in = true;
-              until([this] { return may_leave.load(); });
-              access.unlock(sem);
+              await([this] { return may_leave.load(); });
+              unlock(sem);
           })
     {
     }
-    void await_in()
+    void leave_once_in()
     {
-        until([this] { return in.load(); });
-    }
-    void leave()
-    {
+        await([this] { return in.load(); });
         may_leave = true;
         thread.join();
     }
 };
 
+struct Reader : Actor {
+    explicit Reader(THR_RW_SEM sem) : Actor(sem, thr_rw_sem_read_lock, thr_rw_sem_read_unlock) {}
+};
+
+struct Writer : Actor {
+    explicit Writer(THR_RW_SEM sem) : Actor(sem, thr_rw_sem_write_lock, thr_rw_sem_write_unlock) {}
+};
+
+std::atomic<int> waits; // for an event, without limit
+
+DWORD WINAPI counted_wait(HANDLE handle, DWORD limit)
+{
+    waits += limit == INFINITE;
+    return WaitForSingleObject(handle, limit);
+}
+
 TEST(RwSem, WritersGoFirst)
 {
-    static std::atomic<int> waits; // for an event
-    auto wait = +[](HANDLE handle, DWORD limit) {
-        waits += limit == INFINITE;
-        return WaitForSingleObject(handle, limit);
-    };
-    ImportPatch patch("WaitForSingleObject", wait);
-    play([](THR_RW_SEM sem) {
-        Actor reader(sem, READ), other_reader(sem, READ);
-        reader.await_in();
-        other_reader.await_in();
-        Actor writer(sem, WRITE);
-        until([&] { return counts_of(sem) == Counts(2, 1); });
-        EXPECT_EQ(thr_rw_sem_read_try_lock(sem), 0);
-        EXPECT_EQ(thr_rw_sem_write_try_lock(sem), 0);
-        Actor late_reader(sem, READ);
-        until([] { return waits == 2; }); // the writer and the late reader
-        reader.leave();
-        EXPECT_EQ(counts_of(sem), Counts(1, 1));
-        EXPECT_FALSE(writer.in || late_reader.in);
-        other_reader.leave();
-        writer.await_in();
-        Actor late_writer(sem, WRITE);
-        until([&] { return counts_of(sem) == Counts(0, 2); });
-        EXPECT_FALSE(late_writer.in || late_reader.in);
-        writer.leave();
-        late_writer.await_in();
-        EXPECT_EQ(counts_of(sem), Counts(0, 1));
-        EXPECT_FALSE(late_reader.in);
-        late_writer.leave();
-        late_reader.await_in();
-        EXPECT_EQ(counts_of(sem), Counts(1, 0));
-        late_reader.leave();
-    });
+    ImportPatch patch("WaitForSingleObject", &counted_wait);
+    THR_RW_SEM sem = thr_rw_sem_create();
+    Reader reader(sem), other_reader(sem);
+    await([&] { return reader.in && other_reader.in; });
+    EXPECT_EQ(thr_rw_sem_write_try_lock(sem), 0);
+    Writer writer(sem);
+    await([] { return waits == 1; });
+    EXPECT_EQ(counts_of(sem), Counts(2, 1));
+    EXPECT_EQ(thr_rw_sem_read_try_lock(sem), 0);
+    Reader late_reader(sem);
+    await([] { return waits == 2; });
+    reader.leave_once_in();
+    EXPECT_EQ(counts_of(sem), Counts(1, 1));
+    other_reader.leave_once_in();
+    await([&] { return writer.in.load(); });
+    Writer late_writer(sem);
+    await([&] { return counts_of(sem) == Counts(0, 2); });
+    writer.leave_once_in();
+    await([&] { return late_writer.in.load(); });
+    EXPECT_EQ(counts_of(sem), Counts(0, 1));
+    EXPECT_FALSE(late_reader.in);
+    late_writer.leave_once_in();
+    await([&] { return late_reader.in.load(); });
+    EXPECT_EQ(counts_of(sem), Counts(1, 0));
+    late_reader.leave_once_in();
+    thr_rw_sem_destroy(sem);
+    free(sem);
 }
 
 // --- under load ---------------------------------------------------------------------------------
@@ -158,25 +138,26 @@ template <auto *function, class... Args> auto jittery(Args... args)
 int use_often(THR_RW_SEM sem, bool writes, unsigned seed)
 {
     static std::atomic<int> inside; // readers, and 1000 for each writer
-    const Access &access = writes ? WRITE : READ;
-    std::minstd_rand &random = random_of_thread;
-    random.seed(seed);
+    auto lock = writes ? thr_rw_sem_write_lock : thr_rw_sem_read_lock;
+    auto try_lock = writes ? thr_rw_sem_write_try_lock : thr_rw_sem_read_try_lock;
+    auto unlock = writes ? thr_rw_sem_write_unlock : thr_rw_sem_read_unlock;
+    random_of_thread.seed(seed);
     int faults = 0;
     for (int round = 0; round < 1000; ++round) {
-        if (random() % 4 != 0)
-            access.lock(sem);
-        else if (!access.try_lock(sem))
+        if (random_of_thread() % 4 != 0)
+            lock(sem);
+        else if (!try_lock(sem))
             continue;
-        const bool again = writes && random() % 4 == 0;
+        const bool again = writes && random_of_thread() % 4 == 0;
         if (again)
-            access.lock(sem);
+            lock(sem);
         const int now = inside += writes ? 1000 : 1;
         faults += writes ? now != 1000 : now > 1000;
         SwitchToThread();
         inside -= writes ? 1000 : 1;
         if (again)
-            access.unlock(sem);
-        access.unlock(sem);
+            unlock(sem);
+        unlock(sem);
     }
     return faults;
 }
@@ -189,24 +170,25 @@ TEST(RwSem, KeepsItsInvariantsUnderLoad)
         {"SetEvent", &jittery<&SetEvent, HANDLE>},
         {"WaitForSingleObject", &jittery<&WaitForSingleObject, HANDLE, DWORD>}};
     const unsigned seed = std::random_device()();
-    printf("seed %u\n", seed);
-    play([&](THR_RW_SEM sem) {
-        std::atomic<int> running(7);
-        std::vector<std::thread> threads;
-        for (int i = 0; i < 7; ++i) {
-            threads.emplace_back([&, i] {
-                EXPECT_EQ(use_often(sem, i < 3, seed + i), 0);
-                --running;
-            });
-        }
-        for (; running > 0; Sleep(0))
-            counts_of(sem);
-        for (std::thread &thread : threads)
-            thread.join();
-        EXPECT_EQ(counts_of(sem), Counts(0, 0));
-        EXPECT_EQ(thr_rw_sem_write_try_lock(sem), 1);
-        thr_rw_sem_write_unlock(sem);
-    });
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    THR_RW_SEM sem = thr_rw_sem_create();
+    std::atomic<int> running(7), faults(0);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 7; ++i) {
+        threads.emplace_back([&, i] {
+            faults += use_often(sem, i < 3, seed + i);
+            --running;
+        });
+    }
+    await([&] { return counts_of(sem), running == 0; });
+    for (std::thread &thread : threads)
+        thread.join();
+    EXPECT_EQ(faults, 0);
+    EXPECT_EQ(counts_of(sem), Counts(0, 0));
+    EXPECT_EQ(thr_rw_sem_write_try_lock(sem), 1);
+    thr_rw_sem_write_unlock(sem);
+    thr_rw_sem_destroy(sem);
+    free(sem);
 }
 
 } // namespace

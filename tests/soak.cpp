@@ -1,7 +1,7 @@
-// A soak: soak SECONDS [SEED]. Worker processes lock a directory's interprocess mutex and semaphore,
-// run threads, load and pipe, and die at random, also while they hold a lock. Whoever gets a lock
-// looks whether anybody else has it. At the end nothing may have been violated, and neither handles
-// nor heap blocks may have grown with the work. scripts/soak.sh runs it.
+// A soak: soak SECONDS [SEED]. Worker processes lock a directory's interprocess mutex and
+// semaphore, run threads, load and pipe, and die at random, also while they hold a lock. Whoever
+// gets a lock looks whether anybody else has it. At the end nothing may have been violated, and
+// neither handles nor heap blocks may have grown with the work. scripts/soak.sh runs it.
 #include "refusal_sweep/gates.h"
 #include "support/handles.h"
 
@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <random>
 #include <string>
 
@@ -19,23 +20,21 @@ namespace
 {
 
 enum { WORKERS = 4, HANDLES = 256, KILLED = 77 };
-enum Hold : LONG { NOTHING, MUTEX, READ, WRITE };
+enum Hold : LONG64 { NOTHING, MUTEX, READ, WRITE };
 
 // Of all processes. A worker has a slot.
 struct Shared {
     volatile LONG must_stop;
     volatile LONG locks;
-    volatile LONG operations;
     volatile LONG children;
     volatile LONG violations;
-    struct Slot {
-        volatile LONG state; // 4 for each worker that has died in it, and the present one's hold
-        LONG measured_operations; // read after its end
-        LONG grown_handles;       // the most in that time
-        LONG grown_blocks;
-    } slots[WORKERS];
+    // The upper half counts the workers that have died in the slot, the lower one is the present
+    // one's steps, times four, and its hold.
+    volatile LONG64 states[WORKERS];
 };
 Shared *shared;
+std::string program;
+std::string directory; // for the lock files; the semaphore's are in "rw" below it
 std::mt19937 randomness;
 
 bool chance(unsigned one_in)
@@ -43,10 +42,11 @@ bool chance(unsigned one_in)
     return randomness() % one_in == 0;
 }
 
-void violation(const char *what)
+void violation(const std::string &what)
 {
     InterlockedIncrement(&shared->violations);
-    fprintf(stderr, "soak: %s\n", what);
+    fprintf(stderr, "soak: %s\n", what.c_str());
+    fflush(stderr); // whoever tells it may be ended next
 }
 
 // What is in use now: heap blocks of the library and the C++ runtime, and handles.
@@ -57,89 +57,71 @@ struct InUse {
 
 // --- a worker -----------------------------------------------------------------------------------
 
-bool excludes(LONG mine, LONG other)
+bool excludes(Hold mine, LONG64 other)
 {
-    return (mine == MUTEX && other == MUTEX) || (mine == READ && other == WRITE) ||
-           (mine == WRITE && (other == READ || other == WRITE));
+    return mine == READ ? other == WRITE : other == mine || (mine == WRITE && other == READ);
 }
 
-// Marks the slot as a holder and looks at the others. One who seems to hold the lock has to be dead,
-// which the parent finds out soon.
+void step(int own, Hold hold)
+{
+    volatile LONG64 &state = shared->states[own];
+    InterlockedExchange64(&state, (state | 3) + 1 + hold);
+}
+
+// Marks the slot as a holder and looks at the others. One that shows a hold against ours and then
+// takes a step, or stays for good, has the lock as well. One that is dead takes no step, and the
+// parent soon counts it.
 void check_hold(int own, Hold hold)
 {
-    volatile LONG &state = shared->slots[own].state;
-    const LONG idle = state;
-    InterlockedExchange(&state, idle + hold);
+    step(own, hold);
     InterlockedIncrement(&shared->locks);
     for (int i = 0; i < WORKERS; ++i) {
-        const volatile LONG &other = shared->slots[i].state;
-        const LONG seen = other;
+        const volatile LONG64 &other = shared->states[i];
+        const LONG64 seen = other;
         if (i == own || !excludes(hold, seen % 4))
             continue;
-        for (int tries = 0; tries < 2000 && other / 4 == seen / 4; ++tries)
+        for (int tries = 0; tries < 2000 && other == seen; ++tries) {
             Sleep(5);
-        if (other / 4 == seen / 4)
+            step(own, hold); // it may be looking at us
+        }
+        if (other >> 32 == seen >> 32)
             violation("two processes hold a lock that excludes them");
     }
     if (chance(300))
         TerminateProcess(GetCurrentProcess(), KILLED);
-    if (chance(4))
-        Sleep(0);
-    InterlockedExchange(&state, idle);
-}
-
-void *add_under_locks(void *argument)
-{
-    auto *objects = static_cast<std::pair<THR_READ_WRITE_SEMAPHORE, int> *>(argument);
-    for (int i = 0; i < 20; ++i) {
-        THR_SCOPED_WRITE_LOCK guard(objects->first);
-        ++objects->second;
-    }
-    return argument;
-}
-
-void run_threads()
-{
-    std::pair<THR_READ_WRITE_SEMAPHORE, int> objects;
-    THR_THREAD_ID threads[3];
-    for (THR_THREAD_ID &thread : threads)
-        thread = thr_thread_create(add_under_locks, &objects, 0);
-    for (THR_THREAD_ID thread : threads)
-        thr_thread_wait(thread);
-    if (objects.second != 60)
-        violation("threads lost an addition");
-}
-
-void load()
-{
-    void *library = thr_drl_load("version");
-    if (!library || !thr_drl_find_function(library, "VerQueryValueA"))
-        violation("a library is not loaded");
-    thr_drl_unload(library);
+    if (chance(4)) // long enough for one that does not wait as it should to come in
+        Sleep(randomness() % 64);
+    step(own, NOTHING);
 }
 
 void pipe()
 {
     THR_NAMED_PIPE server(("thr-soak-" + std::to_string(GetCurrentProcessId())).c_str());
-    if (!server.create())
-        return violation("no pipe");
     THR_NAMED_PIPE client(server.get_name());
     char text[8] = "";
-    if (!client.open() || !server.connect() || server.write("soak", 5) != 5 ||
+    if (!server.create() || !client.open() || !server.connect() || server.write("soak", 5) != 5 ||
         client.read(text, sizeof text) != 5 || strcmp(text, "soak") != 0)
         violation("a message is lost");
     client.close();
     server.remove();
 }
 
-// Starts this program with a word that it prints, and reads it.
-void start_child(const std::string &program)
+// Starts this program with some words.
+void *start(const std::string &words, void **out)
 {
-    std::string command = "\"" + program + "\" word";
-    void *out = nullptr;
+    std::string command = "\"" + program + "\" " + words;
     void *job = nullptr;
-    void *process = thr_process_create_and_save_job(command.data(), nullptr, &out, nullptr, nullptr,
+    void *process = thr_process_create_and_save_job(command.data(), nullptr, out, nullptr, nullptr,
                                                     nullptr, &job);
+    thr_process_close_handle(job);
+    return process;
+}
+
+// A child that prints a word, which is read.
+void run_child()
+{
+    void *out = nullptr;
+    void *process = start("word", &out);
     char text[64];
     uint32_t count = 0;
     uint32_t total = 0;
@@ -150,61 +132,51 @@ void start_child(const std::string &program)
         violation("a child's word or end is lost");
     InterlockedExchangeAdd(&shared->children, process != nullptr);
     thr_process_close_pipe(out);
-    thr_process_close_handle(job);
 }
 
-// Takes down what has come to be in use meanwhile. A process keeps one text from its first renaming
-// of a lock file, whenever that is.
-void measure(int slot, const InUse &before, LONG operations)
+int work(int own)
 {
-    const InUse now;
-    Shared::Slot &to = shared->slots[slot];
-    to.grown_blocks = std::max(to.grown_blocks, now.blocks - before.blocks - 1);
-    to.grown_handles = std::max(to.grown_handles, now.handles - before.handles);
-    to.measured_operations += operations;
-}
-
-int work(int own, const std::string &directory, const std::string &program)
-{
-    THR_IP_MUTEX_OBJ mutex((directory + "/soak").c_str());
-    THR_IP_READ_WRITE_SEMAPHORE semaphore((directory + "/rw/soak").c_str());
-    auto one_operation = [&](unsigned kind) {
-        if (kind < 6) {
-            THR_IP_SCOPED_MUTEX guard(&mutex);
-            guard.was_lock_successful() ? check_hold(own, MUTEX) : violation("no mutex");
-        } else if (kind < 12) {
-            semaphore.read_lock();
-            check_hold(own, READ);
-            semaphore.read_unlock();
-        } else if (kind < 14) {
-            semaphore.write_lock();
-            check_hold(own, WRITE);
-            semaphore.write_unlock();
-        } else if (kind < 15 && semaphore.try_write_lock()) {
-            check_hold(own, WRITE);
-            semaphore.write_unlock();
-        } else if (kind < 16 && mutex.try_lock()) {
-            check_hold(own, MUTEX);
-            mutex.unlock();
-        } else if (kind == 16) {
-            run_threads();
-        } else if (kind == 17) {
-            load();
-        } else if (kind == 18) {
-            pipe();
-        } else if (kind == 19 && chance(4)) {
-            start_child(program);
-        }
-        InterlockedIncrement(&shared->operations);
+    THR_IP_MUTEX_OBJ mutex((directory + "\\soak").c_str());
+    THR_IP_READ_WRITE_SEMAPHORE sem((directory + "\\rw\\soak").c_str());
+    auto end_mutex = [&] { mutex.unlock(); };
+    auto end_read = [&] { sem.read_unlock(); };
+    auto end_write = [&] { sem.write_unlock(); };
+    const struct {
+        Hold hold;
+        std::function<bool()> take;
+        std::function<void()> end;
+    } locks[] = {
+        {MUTEX, [&] { return mutex.lock() || (violation("no mutex"), false); }, end_mutex},
+        {MUTEX, [&] { return mutex.try_lock(); }, end_mutex},
+        {READ, [&] { return sem.read_lock(), true; }, end_read},
+        {READ, [&] { return sem.try_read_lock(); }, end_read},
+        {WRITE, [&] { return sem.write_lock(), true; }, end_write},
+        {WRITE, [&] { return sem.try_write_lock(); }, end_write},
     };
-    for (unsigned kind = 0; kind < 20; ++kind)
+    void (*const others[])() = {
+        pipe, [] { chance(4) ? run_child() : pipe(); },
+        [] { thr_drl_unload(thr_drl_load("version")); },
+        [] { thr_thread_wait(thr_thread_create([](void *arg) { return arg; }, nullptr, 0)); }};
+    auto one_operation = [&](unsigned kind) {
+        if (kind >= std::size(locks)) {
+            others[kind - std::size(locks)]();
+        } else if (locks[kind].take()) {
+            check_hold(own, locks[kind].hold);
+            locks[kind].end();
+        }
+    };
+    const unsigned kinds = std::size(locks) + std::size(others);
+    for (unsigned kind = 0; kind < kinds; ++kind)
         one_operation(kind);
-    start_child(program);
+    run_child();
     const InUse before;
     for (int round = 0; round < 30 && !shared->must_stop; ++round) {
         for (int i = 0; i < 10; ++i)
-            one_operation(randomness() % 20);
-        measure(own, before, 10);
+            one_operation(randomness() % kinds);
+        const InUse now;
+        // A process keeps one text from its first renaming of a lock file, whenever that is.
+        if (now.handles > before.handles || now.blocks > before.blocks + 1)
+            return violation("something grows"), 0;
     }
     return 0;
 }
@@ -212,26 +184,10 @@ int work(int own, const std::string &directory, const std::string &program)
 // --- the parent ---------------------------------------------------------------------------------
 
 struct Soak {
-    std::string program;
-    std::string mapping;
-    std::string directory;
-    int started = 0;
+    std::string name;
+    int ended = 0;
     int killed = 0;
-    LONG measured_operations = 0;
-    LONG grown_handles = 0;
-    LONG grown_blocks = 0;
     void *workers[WORKERS] = {};
-
-    void start(int slot)
-    {
-        std::string command = "\"" + program + "\" work " + std::to_string(slot) + " " + mapping +
-                              " " + std::to_string(randomness()) + " \"" + directory + "\"";
-        void *job = nullptr;
-        workers[slot] = thr_process_create_and_save_job(command.data(), nullptr, nullptr, nullptr,
-                                                        nullptr, nullptr, &job);
-        started += workers[slot] != nullptr;
-        thr_process_close_handle(job);
-    }
 
     // Sees whether a worker has ended.
     void look_after(int slot)
@@ -240,89 +196,70 @@ struct Soak {
         if (!workers[slot] || thr_process_wait(workers[slot], &status, 1) == 0)
             return;
         workers[slot] = nullptr;
+        ++ended;
         killed += status.exit_code == KILLED;
         if (status.exit_code != 0 && status.exit_code != KILLED)
-            violation(("a worker ended with status " + std::to_string(status.exit_code)).c_str());
-        Shared::Slot &ended = shared->slots[slot];
-        measured_operations += ended.measured_operations;
-        grown_handles += ended.grown_handles;
-        grown_blocks += ended.grown_blocks;
-        ended.measured_operations = ended.grown_handles = ended.grown_blocks = 0;
-        InterlockedExchange(&ended.state, (ended.state / 4 + 1) * 4);
+            violation("a worker ended with status " + std::to_string(status.exit_code));
+        volatile LONG64 &state = shared->states[slot];
+        InterlockedExchange64(&state, ((state >> 32) + 1) << 32);
     }
 
-    void run(DWORD seconds)
+    // False when a worker does not end.
+    bool run(DWORD seconds)
     {
         const ULONGLONG end = GetTickCount64() + seconds * 1000;
-        while (GetTickCount64() < end) {
+        for (int running = 1; running > 0; thr_msleep(20)) {
+            const ULONGLONG now = GetTickCount64();
+            shared->must_stop = now >= end;
+            if (now >= end + 60000)
+                return false;
+            running = 0;
             for (int slot = 0; slot < WORKERS; ++slot) {
                 look_after(slot);
-                if (!workers[slot])
-                    start(slot);
+                if (!workers[slot] && !shared->must_stop)
+                    workers[slot] = start("work " + std::to_string(slot) + " " + name + " " +
+                                              std::to_string(randomness()),
+                                          nullptr);
+                running += workers[slot] != nullptr;
             }
-            if (chance(30))
+            if (!shared->must_stop && chance(30))
                 TerminateProcess(workers[randomness() % WORKERS], KILLED);
-            thr_msleep(20);
         }
-        shared->must_stop = 1;
-        for (int tries = 0; tries < 6000 && is_any_running(); ++tries) {
-            for (int slot = 0; slot < WORKERS; ++slot)
-                look_after(slot);
-            thr_msleep(5);
-        }
-        if (is_any_running())
-            violation("a worker does not end");
-    }
-
-    bool is_any_running() const
-    {
-        return std::any_of(std::begin(workers), std::end(workers), [](void *w) { return w; });
+        return true;
     }
 };
 
-bool map(const std::string &name)
+// What the processes of a soak have in common: their memory and their directory.
+bool join(const std::string &name)
 {
+    char temp[MAX_PATH];
+    GetTempPathA(sizeof temp, temp);
+    directory = temp + name;
     HANDLE mapping = CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
                                         sizeof *shared, name.c_str());
     shared = static_cast<Shared *>(MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, 0));
     return shared != nullptr;
 }
 
-// A new directory for the lock files, and one in it for the semaphore's.
-int soak(const std::string &program, DWORD seconds, unsigned seed)
+int soak(DWORD seconds, unsigned seed)
 {
-    char temp[MAX_PATH];
-    GetTempPathA(sizeof temp, temp);
-    Soak soak = {program, "thr-soak-" + std::to_string(GetCurrentProcessId()), temp};
-    soak.directory += soak.mapping;
-    std::string inner = soak.directory + "\\rw";
-    if (!map(soak.mapping) || !CreateDirectoryA(soak.directory.c_str(), nullptr) ||
-        !CreateDirectoryA(inner.c_str(), nullptr))
+    Soak soak = {"thr-soak-" + std::to_string(GetCurrentProcessId())};
+    if (!join(soak.name) || !CreateDirectoryA(directory.c_str(), nullptr) ||
+        !CreateDirectoryA((directory + "\\rw").c_str(), nullptr))
         return 2;
     printf("seed %u\n", seed);
     fflush(stdout);
     randomness.seed(seed);
     thr_process_set_inherit_handles(1); // a worker's violations are told on our standard error
-    start_child(program);
-    const InUse before;
-    soak.run(seconds);
-    measure(0, before, 0);
-    soak.grown_handles += shared->slots[0].grown_handles;
-    soak.grown_blocks += shared->slots[0].grown_blocks;
-    if (!RemoveDirectoryA(inner.c_str()) || !RemoveDirectoryA(soak.directory.c_str()))
+    if (!soak.run(seconds))
+        violation("a worker does not end");
+    if (!RemoveDirectoryA((directory + "\\rw").c_str()) || !RemoveDirectoryA(directory.c_str()))
         violation("a lock file is left");
-    if (soak.grown_handles > 0 || soak.grown_blocks > 0)
-        violation("something grows");
-    if (!soak.measured_operations || !shared->locks || !shared->children || !soak.killed)
+    if (!shared->locks || !shared->children || !soak.killed)
         violation("too short a time to show anything");
-    const double thousands = soak.measured_operations / 1000.0;
-    printf("%ld operations, %ld locks taken, %d workers and %ld children started, "
-           "%d kills survived\n"
-           "growth per thousand of %ld measured operations: %.3f handles, %.3f heap blocks; "
-           "%ld violations\n",
-           shared->operations, shared->locks, soak.started, shared->children, soak.killed,
-           soak.measured_operations, soak.grown_handles / thousands, soak.grown_blocks / thousands,
-           shared->violations);
+    printf(
+        "%ld locks taken, %d workers and %ld children ended, %d kills survived; %ld violations\n",
+        shared->locks, soak.ended, shared->children, soak.killed, shared->violations);
     return shared->violations != 0;
 }
 
@@ -331,17 +268,16 @@ int soak(const std::string &program, DWORD seconds, unsigned seed)
 int main(int argc, char **argv)
 {
     SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
-    char program[MAX_PATH];
-    GetModuleFileNameA(nullptr, program, sizeof program);
+    program = _pgmptr;
     install_gates();
     if (argc == 2 && strcmp(argv[1], "word") == 0)
         return puts("word") < 0;
-    if (argc == 6 && strcmp(argv[1], "work") == 0 && map(argv[3])) {
+    if (argc == 5 && strcmp(argv[1], "work") == 0 && join(argv[3])) {
         randomness.seed(strtoul(argv[4], nullptr, 10));
-        return work(atoi(argv[2]), argv[5], program);
+        return work(atoi(argv[2]));
     }
     if (argc >= 2 && atoi(argv[1]) > 0)
-        return soak(program, atoi(argv[1]), argc > 2 ? atoi(argv[2]) : GetTickCount());
+        return soak(atoi(argv[1]), argc > 2 ? atoi(argv[2]) : GetTickCount());
     fprintf(stderr, "usage: soak SECONDS [SEED]\n");
     return 2;
 }

@@ -1,10 +1,11 @@
-// The attach and detach of the library: of the shipped DLL, loaded as by a host that does not link
-// it, and the search for the DLL directory in the library's objects, which are inside this program.
+// The attach and detach of the library: of the objects inside this program, which has an entry
+// point of the library that nobody calls but these tests, and of the shipped DLL.
 #include "thr/thr.h"
 #include "thr/thr_dll_directory.h"
 
 #include "support/child.h"
 #include "support/handles.h"
+#include "support/heap.h"
 #include "support/import_patch.h"
 #include "support/recorders.h"
 #include "support/scratch_dir.h"
@@ -26,115 +27,11 @@ namespace fs = std::filesystem;
 namespace
 {
 
-std::string rest_of_output(Child &child)
-{
-    std::string output;
-    while (auto line = child.read_line())
-        output += *line + "\n";
-    return output;
-}
+const HMODULE OWN = GetModuleHandleA(nullptr);
 
-// --- the DLL's attach and detach ----------------------------------------------------------------
+// --- attach and detach --------------------------------------------------------------------------
 
-void *address_in_dll(const char *name)
-{
-    return reinterpret_cast<void *>(GetProcAddress(thr_module(), name));
-}
-
-// The shipped DLL's function, in place of the one in this program.
-#define OF_DLL(function) reinterpret_cast<decltype(&function)>(address_in_dll(#function))
-
-THR_THREAD_ID main_id_of_dll()
-{
-    return *static_cast<THR_THREAD_ID *>(address_in_dll("THR_THREAD_MAIN_ID"));
-}
-
-// What the shutdown releases, by its address. The compiler's runtime inside the DLL has other
-// blocks and critical sections. Never destroyed: the library ends after this program's objects.
-auto &watched = *new std::map<const void *, std::string>;
-
-// At the process's end the runtime's streams may be closed already.
-void print(const std::string &line)
-{
-    DWORD written = 0;
-    WriteFile(GetStdHandle(STD_OUTPUT_HANDLE), (line + "\n").c_str(),
-              static_cast<DWORD>(line.size() + 1), &written, nullptr);
-}
-
-void print_call(const char *call, const void *what)
-{
-    auto found = watched.find(what);
-    if (found != watched.end())
-        print(call + found->second);
-}
-
-void printed_free(void *block)
-{
-    print_call("free ", block);
-    watched.erase(block); // the next block there is another one
-    free(block);
-}
-
-void WINAPI printed_delete(CRITICAL_SECTION *section)
-{
-    print_call("delete ", section);
-    DeleteCriticalSection(section);
-}
-
-BOOL WINAPI printed_tls_free(DWORD index)
-{
-    print_call("free variable of ", TlsGetValue(index));
-    return TlsFree(index);
-}
-
-const char *lock_to_watch;
-
-// The shutdown enters none: at the process's end the thread that holds it may be gone.
-void WINAPI printed_enter(CRITICAL_SECTION *section)
-{
-    if (lock_to_watch)
-        watched[section] = lock_to_watch;
-    else
-        print_call("enter ", section);
-    EnterCriticalSection(section);
-}
-
-ROLE(ends)
-{
-    HMODULE thr = LoadLibraryA("thr.dll");
-    // The patches are never removed: they go with the DLL.
-    new ImportPatch("EnterCriticalSection", &printed_enter);
-    lock_to_watch = "handler mutex";
-    OF_DLL(thr_set_new_handler)(nullptr);
-    lock_to_watch = "error lock";
-    OF_DLL(thr_drl_load)("no_such_library");
-    lock_to_watch = nullptr;
-    watched[OF_DLL(thr_drl_get_error)()] = "error message";
-    watched[OF_DLL(thr_drl_get_error_data)()] = "error data";
-    watched[OF_DLL(thr_drl_get_system_error)()] = "system error";
-    watched[main_id_of_dll()] = "main id";
-    new ImportPatch("free", &printed_free);
-    new ImportPatch("DeleteCriticalSection", &printed_delete);
-    new ImportPatch("TlsFree", &printed_tls_free);
-    if (args[0] == "freed before") {
-        FreeLibrary(thr);
-        print("gone");
-    }
-    exit(7);
-}
-
-TEST(Dll, ShutdownKeepsItsOrderAndTakesNoLock)
-{
-    std::string expected = "free error data\nfree system error\nfree error message\n"
-                           "delete handler mutex\nfree handler mutex\n"
-                           "free variable of main id\nfree main id\ndelete error lock\n";
-    for (const char *how : {"by exit", "freed before"}) {
-        Child child("ends", {how});
-        EXPECT_EQ(rest_of_output(child), expected);
-        EXPECT_EQ(child.wait(), 7);
-        expected += "gone\n";
-    }
-}
+extern "C" BOOL WINAPI DllMain(HINSTANCE, DWORD, LPVOID);
 
 // The blocks in use of the runtime's heap: what start-up allocates can't be counted through an
 // import table, which can be patched only after it.
@@ -146,6 +43,96 @@ size_t used_blocks()
         blocks += (entry.wFlags & PROCESS_HEAP_ENTRY_BUSY) != 0;
     return blocks;
 }
+
+// What the shutdown releases, and the locks that it takes: none, since at the end of a process the
+// thread that holds one may be gone.
+std::string steps;
+std::map<const void *, std::string> names_of_blocks;
+
+void watched_free(void *block)
+{
+    steps += names_of_blocks[block] + ".";
+    checked_free(block);
+}
+
+std::string steps_of_detach(void *at_process_end)
+{
+    names_of_blocks = {{thr_drl_get_error(), "message"},
+                       {thr_drl_get_error_data(), "data"},
+                       {thr_drl_get_system_error(), "words"},
+                       {THR_THREAD_MAIN_ID, "main id"}};
+    // The originals can't be called, since this program's own calls are patched too.
+    auto free_slot = +[](DWORD slot) -> BOOL {
+        steps += TlsGetValue(slot) == THR_THREAD_MAIN_ID ? "variable." : "another slot.";
+        return TRUE;
+    };
+    ImportPatch patches[] = {
+        {"free", &watched_free, OWN},
+        {"DeleteCriticalSection", +[](CRITICAL_SECTION *) { steps += "mutex."; }, OWN},
+        {"EnterCriticalSection", +[](CRITICAL_SECTION *) { steps += "lock!"; }, OWN},
+        {"TlsFree", free_slot, OWN}};
+    steps.clear();
+    DllMain(OWN, DLL_PROCESS_DETACH, at_process_end);
+    return steps;
+}
+
+TEST(Library, StartsUpAndShutsDownInOrder)
+{
+    _putenv("THR_DRL_DEBUG=0"); // to be copied
+    int any;
+    for (void *at_process_end : {static_cast<void *>(nullptr), static_cast<void *>(&any)}) {
+        ASSERT_TRUE(DllMain(OWN, DLL_PROCESS_ATTACH, nullptr));
+        EXPECT_NE(THR_THREAD_MAIN_ID, nullptr);
+        EXPECT_EQ(thr_thread_self(), THR_THREAD_MAIN_ID);
+        EXPECT_EQ(is_thr_loaded(), 0);
+        thr_drl_init();
+        EXPECT_EQ(is_thr_loaded(), 1);
+        thr_drl_load("no_such_library");
+        EXPECT_EQ(steps_of_detach(at_process_end), "data.words.message..mutex..variable.main id.");
+        EXPECT_EQ(is_thr_loaded(), 0);
+        EXPECT_EQ(THR_THREAD_MAIN_ID, nullptr);
+        EXPECT_EQ(thr_thread_self(), nullptr);
+    }
+    _putenv("THR_DRL_DEBUG=");
+}
+
+TEST(Library, IsRefusedWithoutAThreadVariable)
+{
+    ImportPatch patch(
+        "TlsAlloc", +[] { return TLS_OUT_OF_INDEXES; }, OWN);
+    const size_t before = used_blocks();
+    EXPECT_FALSE(DllMain(OWN, DLL_PROCESS_ATTACH, nullptr));
+    EXPECT_EQ(used_blocks(), before);
+    EXPECT_EQ(THR_THREAD_MAIN_ID, nullptr);
+    EXPECT_EQ(steps_of_detach(nullptr), "") << "the system calls it after a refusal, too";
+}
+
+bool is_declined;
+
+// The system refuses that to a library with thread-local storage.
+TEST(Library, DeclinesThreadNotificationsWhereItHasNoThreadLocalStorage)
+{
+    auto decline = +[](HMODULE) -> BOOL { return is_declined = true; };
+    ImportPatch patch("DisableThreadLibraryCalls", decline, OWN);
+    struct {
+        IMAGE_DOS_HEADER dos;
+        IMAGE_NT_HEADERS64 nt;
+    } image = {};
+    image.dos.e_lfanew = sizeof image.dos;
+    for (DWORD size : {0, 40}) {
+        image.nt.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_TLS].Size = size;
+        is_declined = false;
+        auto instance = reinterpret_cast<HINSTANCE>(&image);
+        DllMain(instance, DLL_PROCESS_ATTACH, nullptr);
+        EXPECT_EQ(is_declined, size == 0);
+        DllMain(instance, DLL_PROCESS_DETACH, nullptr);
+    }
+}
+
+// The shipped DLL's function, in place of the one in this program.
+#define OF_DLL(function)                                                                           \
+    reinterpret_cast<decltype(&function)>(                                                         \
+        reinterpret_cast<void *>(GetProcAddress(thr_module(), #function)))
 
 TEST(Dll, AThousandLoadsLeaveNothing)
 {
@@ -160,11 +147,7 @@ TEST(Dll, AThousandLoadsLeaveNothing)
         if (i == 300) // not at once: what the system opens on first use and keeps
             before = held();
         HMODULE thr = LoadLibraryA("thr.dll");
-        ASSERT_NE(main_id_of_dll(), nullptr);
-        ASSERT_EQ(OF_DLL(thr_thread_self)(), main_id_of_dll());
-        ASSERT_EQ(OF_DLL(is_thr_loaded)(), 0);
-        OF_DLL(thr_drl_init)();
-        ASSERT_EQ(OF_DLL(is_thr_loaded)(), 1);
+        ASSERT_NE(OF_DLL(thr_thread_self)(), nullptr);
         OF_DLL(thr_drl_find_function)(nullptr, "no_such_function");
         FreeLibrary(thr);
         ASSERT_EQ(GetModuleHandleA("thr.dll"), nullptr);
@@ -199,7 +182,7 @@ TEST(DllDirectory, IsTakenFromTheExecutablesPath)
         "DLL loading may not be correct\n"
         "THR Warning: Cannot determine directory for current executable!\n";
     DebugRecorder debug;
-    ImportPatch path("GetModuleFileNameA", &scripted_module_file_name, GetModuleHandleA(nullptr));
+    ImportPatch path("GetModuleFileNameA", &scripted_module_file_name, OWN);
     for (auto [program, dll_directory] : cases) {
         SetDllDirectoryA(nullptr);
         scripted_path = program;
@@ -228,7 +211,8 @@ TEST(DllDirectory, LetsAProgramLoadTheSuitesLibraries)
     Child child("host", {"only_there"}, (install / "tools/tool.exe").string());
     SetEnvironmentVariableA("PATH", path.c_str());
     const std::string directory = (install / "bin64").string();
-    EXPECT_EQ(rest_of_output(child), "[" + directory + "]\n" + directory + "\\only_there.dll\n");
+    EXPECT_EQ(child.read_line(), "[" + directory + "]");
+    EXPECT_EQ(child.read_line(), directory + "\\only_there.dll");
     EXPECT_EQ(child.wait(), 0);
 }
 

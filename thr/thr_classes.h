@@ -161,8 +161,8 @@ private:
 class THR_API THR_IP_MUTEX_OBJ
 {
 public:
-    /** @param path as for thr_ip_mutex_create(). A path that can't be used does not throw: every
-     *              lock of the mutex then fails. */
+    /** @param path as for thr_ip_mutex_create(). A path whose directory is missing does not throw:
+     *              every lock of the mutex then fails. */
     explicit THR_IP_MUTEX_OBJ(const char *path);
     THR_IP_MUTEX_OBJ(const THR_IP_MUTEX_OBJ &) = delete;
     THR_IP_MUTEX_OBJ &operator=(const THR_IP_MUTEX_OBJ &) = delete;
@@ -190,7 +190,8 @@ public:
     THR_IP_SCOPED_MUTEX &operator=(const THR_IP_SCOPED_MUTEX &) = delete;
     /** Takes the other guard's lock over; the other is empty then. */
     THR_IP_SCOPED_MUTEX(THR_IP_SCOPED_MUTEX &&other) noexcept;
-    /** Unlocks, then takes the other guard's lock over; the other is empty then. */
+    /** Unlocks, then takes the other guard's lock over; the other is empty then. Assigned to
+     *  itself, a guard ends empty. */
     THR_IP_SCOPED_MUTEX &operator=(THR_IP_SCOPED_MUTEX &&other) noexcept;
     /** Unlocks if the lock is held. */
     ~THR_IP_SCOPED_MUTEX();
@@ -249,43 +250,52 @@ public:
     explicit THR_NAMED_PIPE(const char *name = "");
     THR_NAMED_PIPE(const THR_NAMED_PIPE &) = delete;
     THR_NAMED_PIPE &operator=(const THR_NAMED_PIPE &) = delete;
-    /** Removes a pipe that this object created, which waits, without limit, until its client has read
-     *  everything or gone. A client closes its end itself: close(). */
+    /** Removes a pipe that this object created, which waits, without limit, until its client has
+     *  read everything or gone. A client's end stays open for good unless it is closed first:
+     *  close(). */
     ~THR_NAMED_PIPE();
 
-    /** Server: makes a pipe to write to; its calls block. */
+    /** Server: makes a pipe to write to; its calls block. Of an object that has a pipe already, the
+     *  old handle is forgotten. */
     bool create();
     /** Server: makes a pipe to read from; its calls never block. An object without a name makes the
      *  pipe of create() instead. */
     bool create_r();
     /** Server: waits for a client; on a pipe of create_r() asks whether one has come.
-     *  @return whether a client is there */
+     *  @return whether a client is there; false, with get_error() 536, while none has come to a
+     *          pipe of create_r(), and with 232 when one has come, written and gone: read then all
+     *          the same */
     bool connect();
     /** The same as connect(). */
     bool connect_r();
     /** Client: opens the pipe for reading; waits while it is busy, 20 seconds at a time as long as
-     *  the system says that an end came free. Any other refusal waits once, then fails. The client
-     *  reads bytes: messages that wait together come together. */
+     *  the system says that an end came free. Without a server it fails at once, with error 2, as
+     *  it does for an object without a name. The client reads bytes: messages that wait together
+     *  come together. */
     bool open();
     /** Client: opens the pipe for writing; waits as open() does. */
     bool open_w();
-    /** Takes what waits, as far as the buffer goes. A server takes one message: the first part of one
-     *  that is longer than the buffer, with get_error() 234, and the rest with the next reads.
+    /** Takes what waits, as far as the buffer goes. A client waits for something to come; a server
+     *  takes one message and never waits: the first part of one that is longer than the buffer,
+     *  with get_error() 234, and the rest with the next reads; 232 when there is none. At the end,
+     *  when the other side has gone, a server gets 109, a client 109 or 233.
      *  @param size of the buffer in bytes, of which the low 32 bits count
-     *  @return the bytes read, or -1 */
+     *  @return the bytes read (negative from 2 GiB on), or -1 */
     int read(void *buffer, uint64_t size);
     /** Writes a message.
      *  @param size in bytes, of which the low 32 bits count
      *  @return the bytes written, or -1 */
     int write(const void *buffer, uint64_t size);
-    /** As read(), but leaves the message in the pipe. */
+    /** Copies what waits, as far as the buffer goes, and leaves it in the pipe; never waits.
+     *  @param size as for read()
+     *  @return the bytes copied, 0 when there is nothing, or -1 */
     int peek(void *buffer, uint64_t size);
     /** Client: closes its end. */
     bool close();
-    /** Server: waits, without limit, until the client has read everything, disconnects it and closes
-     *  the pipe.
-     *  @return false when there is no client to disconnect; the pipe then stays. get_error() may tell
-     *          of a refused step also when the result is true. */
+    /** Server: waits, without limit, until the client has read everything, disconnects it and
+     *  closes the pipe.
+     *  @return false when there is no client to disconnect; the pipe then stays. get_error() may
+     *          tell of a refused step also when the result is true. */
     bool remove();
 
     /** @return the OS error code of the last refused call, 0 before any */

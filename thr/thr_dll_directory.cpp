@@ -1,7 +1,10 @@
 #include "thr/thr_dll_directory.h"
 
+#include "thr/thr_osi_sys.h"
 #include "thr/thr_owner.h"
 #include "thr/thr_report.h"
+
+#include <cstring>
 
 #include <windows.h>
 
@@ -15,10 +18,15 @@ const char *const MARKERS[] = {"\\velkora\\", "\\ostrevaline\\"};
 // The install directory that `directory` lies in; empty when it lies in none.
 THR_TEXT install_directory(const THR_TEXT &directory)
 {
-    for (const THR_TEXT marker : MARKERS) {
-        size_t position = directory.rfind(marker);
-        if (position != THR_TEXT::npos)
-            return directory.substr(0, position + marker.size() - 1);
+    const char *text = directory.c_str();
+    const char *end = text + directory.size();
+    for (const char *marker : MARKERS) {
+        size_t length = strlen(marker);
+        const char *found = thr_osi_last_backslash(text, end);
+        while (found && strncmp(found, marker, length) != 0)
+            found = thr_osi_last_backslash(text, found);
+        if (found)
+            return THR_TEXT(text, found + length - 1);
     }
     return {};
 }
@@ -33,9 +41,8 @@ void thr_drl_set_dll_directory()
         return;
     }
     THR_TEXT directory = path;
-    size_t separator = directory.rfind('\\');
-    if (separator != THR_TEXT::npos)
-        directory.resize(separator);
+    if (const char *separator = thr_osi_last_backslash(path, path + directory.size()))
+        directory.resize(separator - path);
     thr_debug_message("Using module path %s\n", directory.c_str());
     THR_TEXT install = install_directory(directory);
     if (install.empty()) {

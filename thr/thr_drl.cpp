@@ -77,10 +77,15 @@ THR_HEAP_TEXT thr_drl_normalize_name(const char *name)
     return normal;
 }
 
+const char *last_backslash(const char *name)
+{
+    return thr_osi_last_backslash(name, name + strlen(name));
+}
+
 // Everything up to and including the last backslash; none without a backslash.
 THR_HEAP_TEXT thr_drl_dir_part(const char *name)
 {
-    const char *separator = strrchr(name, '\\');
+    const char *separator = last_backslash(name);
     if (!separator)
         return nullptr;
     return copy_of(name, separator + 1 - name);
@@ -89,7 +94,7 @@ THR_HEAP_TEXT thr_drl_dir_part(const char *name)
 // What follows the last backslash, without the suffix.
 THR_HEAP_TEXT thr_drl_base_name(const char *name)
 {
-    const char *separator = strrchr(name, '\\');
+    const char *separator = last_backslash(name);
     THR_HEAP_TEXT base = copy_of(separator ? separator + 1 : name);
     size_t length = strlen(base.get());
     size_t suffix_length = sizeof SUFFIX - 1;
@@ -112,22 +117,24 @@ THR_HEAP_TEXT thr_drl_file_name(const char *name)
 
 // The variable never names a freed text: the process may end this thread at any point, and the
 // shutdown then frees what it finds.
-void replace(char **text, THR_HEAP_TEXT replacement)
+void swap(char *&kept, THR_HEAP_TEXT &text)
 {
-    char *old = *text;
-    *text = replacement.release();
-    free(old);
+    char *old = kept;
+    kept = text.release();
+    text.reset(old);
 }
 
-// With the lock held: records an error whose OS error code is given.
-void thr_drl_set_error(const char *prefix, const char *data, DWORD code)
+// Records an error; `system_error` may be null. Only the change of the three texts needs the lock.
+void thr_drl_set_error(const char *prefix, const char *data, const char *system_error)
 {
-    THR_SYSTEM_TEXT system_error = thr_system_text(code);
-    replace(&state.m_system_error, system_error ? copy_of(system_error.get()) : nullptr);
-    replace(&state.m_error_data, data ? copy_of(data) : nullptr);
-    THR_HEAP_TEXT subject =
-        join(prefix ? prefix : "Error ", text_or_empty(state.m_error_data), ": ");
-    replace(&state.m_error, join(subject.get(), text_or_empty(state.m_system_error), ""));
+    THR_HEAP_TEXT system_copy = system_error ? copy_of(system_error) : nullptr;
+    THR_HEAP_TEXT data_copy = data ? copy_of(data) : nullptr;
+    THR_HEAP_TEXT subject = join(prefix ? prefix : "Error ", text_or_empty(data), ": ");
+    THR_HEAP_TEXT message = join(subject.get(), text_or_empty(system_error), "");
+    THR_LOCK_GUARD guard(state.m_error_lock);
+    swap(state.m_system_error, system_copy);
+    swap(state.m_error_data, data_copy);
+    swap(state.m_error, message);
 }
 
 // The setting counts from '2' on; a byte with the top bit set is below every digit.
@@ -139,11 +146,10 @@ bool is_debug_on()
 // Records the calling thread's last OS error as the failure of what `prefix` says, on `data`.
 void fail(const char *prefix, const char *data)
 {
-    DWORD code = GetLastError();
-    THR_LOCK_GUARD guard(state.m_error_lock);
-    thr_drl_set_error(prefix, data, code);
+    THR_SYSTEM_TEXT system_error = thr_system_text(GetLastError());
+    thr_drl_set_error(prefix, data, system_error.get());
     if (is_debug_on())
-        printf("THR_DRL: %s\n", text_or_empty(state.m_system_error));
+        printf("THR_DRL: %s\n", text_or_empty(system_error.get()));
 }
 
 // --- loading ------------------------------------------------------------------------------------
@@ -183,10 +189,13 @@ void thr_drl_fini() {}
 
 void thr_drl_construct_library_name(char *destination, size_t maximum_length, const char *name)
 {
+    THR_CHECK(name);
     THR_HEAP_TEXT file_name = thr_drl_file_name(name);
     size_t length = strlen(file_name.get());
-    if (length <= maximum_length)
+    if (length <= maximum_length) {
+        THR_CHECK(destination);
         memcpy(destination, file_name.get(), length + 1);
+    }
 }
 
 void *thr_drl_load(const char *name)
@@ -284,6 +293,8 @@ void thr_drl_cleanup()
     state.m_initialised = 0;
     // No lock: the process may have ended the thread that holds it.
     for (char **text :
-         {&state.m_error_data, &state.m_system_error, &state.m_error, &state.m_debug_setting})
-        replace(text, nullptr);
+         {&state.m_error_data, &state.m_system_error, &state.m_error, &state.m_debug_setting}) {
+        THR_HEAP_TEXT freed;
+        swap(*text, freed);
+    }
 }

@@ -9,18 +9,18 @@
 
 // --- message ------------------------------------------------------------------------------------
 
-struct VELKORA_ERROR_MESSAGE::LINES {
+struct VELKORA_ERROR_MESSAGE::LINE_LIST {
     boost::container::small_vector<LINE, 1> m_lines;
 };
 
-VELKORA_ERROR_MESSAGE::LINES &VELKORA_ERROR_MESSAGE::lines()
+VELKORA_ERROR_MESSAGE::LINE_LIST &VELKORA_ERROR_MESSAGE::lines()
 {
-    static_assert(sizeof(LINES) <= sizeof m_lines && alignof(LINES) <= alignof(LINE),
+    static_assert(sizeof(LINE_LIST) <= sizeof m_lines && alignof(LINE_LIST) <= alignof(LINE),
                   "the header keeps room for the lines");
-    return *std::launder(reinterpret_cast<LINES *>(m_lines));
+    return *std::launder(reinterpret_cast<LINE_LIST *>(m_lines));
 }
 
-const VELKORA_ERROR_MESSAGE::LINES &VELKORA_ERROR_MESSAGE::lines() const
+const VELKORA_ERROR_MESSAGE::LINE_LIST &VELKORA_ERROR_MESSAGE::lines() const
 {
     return const_cast<VELKORA_ERROR_MESSAGE *>(this)->lines();
 }
@@ -28,7 +28,7 @@ const VELKORA_ERROR_MESSAGE::LINES &VELKORA_ERROR_MESSAGE::lines() const
 VELKORA_ERROR_MESSAGE::VELKORA_ERROR_MESSAGE(const std::string &text, int32_t id,
                                              const std::vector<VELKORA_ERROR_MESSAGE> &sub_messages)
 {
-    LINES all;
+    LINE_LIST all;
     all.m_lines.push_back(LINE{text, std::string(), id, 0});
     for (const VELKORA_ERROR_MESSAGE &message : sub_messages) {
         for (LINE line : message) {
@@ -36,12 +36,12 @@ VELKORA_ERROR_MESSAGE::VELKORA_ERROR_MESSAGE(const std::string &text, int32_t id
             all.m_lines.push_back(std::move(line));
         }
     }
-    new (m_lines) LINES(all);
+    new (m_lines) LINE_LIST(all);
 }
 
 VELKORA_ERROR_MESSAGE::VELKORA_ERROR_MESSAGE(const VELKORA_ERROR_MESSAGE &other)
 {
-    new (m_lines) LINES(other.lines());
+    new (m_lines) LINE_LIST(other.lines());
 }
 
 VELKORA_ERROR_MESSAGE &VELKORA_ERROR_MESSAGE::operator=(const VELKORA_ERROR_MESSAGE &other)
@@ -53,7 +53,7 @@ VELKORA_ERROR_MESSAGE &VELKORA_ERROR_MESSAGE::operator=(const VELKORA_ERROR_MESS
 
 VELKORA_ERROR_MESSAGE::~VELKORA_ERROR_MESSAGE()
 {
-    lines().~LINES();
+    lines().~LINE_LIST();
 }
 
 size_t VELKORA_ERROR_MESSAGE::size() const

@@ -49,7 +49,8 @@ public:
 
     /** @return how many lines there are, at least 1 */
     size_t size() const;
-    /** @return the line at `index`, counted from 0; it lives as long as the message */
+    /** @param index below size(): past it an assertion ends the process, without a report
+     *  @return the line at `index`, counted from 0; it lives as long as the message */
     const LINE &operator[](size_t index) const;
     /** @return the first line; with end(), for a range-based for */
     const LINE *begin() const;
@@ -59,9 +60,9 @@ public:
 private:
     // Holds a small vector with room for one line in itself. Its type stays out of this header, so
     // that a host needs no headers but these.
-    struct LINES;
-    LINES &lines();
-    const LINES &lines() const;
+    struct LINE_LIST;
+    LINE_LIST &lines();
+    const LINE_LIST &lines() const;
     alignas(LINE) unsigned char m_lines[3 * sizeof(void *) + sizeof(LINE)];
 };
 

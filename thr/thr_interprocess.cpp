@@ -65,8 +65,11 @@ bool thr_is_pid_active(uint32_t pid)
     if (pid == static_cast<uint32_t>(thr_getpid()))
         return true;
     THR_HANDLE process(OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, pid));
+    // The system ignores the two lowest bits of an id, and opens its neighbour.
+    if (!process || GetProcessId(process.get()) != pid)
+        return false;
     DWORD exit_code;
-    return process && GetExitCodeProcess(process.get(), &exit_code) && exit_code == STILL_ACTIVE;
+    return GetExitCodeProcess(process.get(), &exit_code) && exit_code == STILL_ACTIVE;
 }
 
 // --- lock-file paths ----------------------------------------------------------------------------
@@ -111,7 +114,7 @@ bool resolve_directory(const char *directory, const char *saved, char (&resolved
 
 } // namespace
 
-bool thr_ip_split_path(const char *file, char **directory, bool *has_directory, char **filename)
+void thr_ip_split_path(const char *file, char **directory, bool *has_directory, char **filename)
 {
     THR_CHECK(file && *file);
     THR_CHECK(directory);
@@ -130,10 +133,9 @@ bool thr_ip_split_path(const char *file, char **directory, bool *has_directory, 
     }
     if (!separator) {
         strcpy(tmp_file, "."); // fits: the path holds at least one character
-        return true;
+        return;
     }
     *separator = '\0';
-    return is_directory(tmp_file);
 }
 
 char *thr_ip_join_path(const char *directory, const char *filename)
@@ -150,12 +152,16 @@ THR_HEAP_TEXT thr_ip_lock_file_path(const char *file)
     char *directory_part;
     char *filename_part;
     bool has_directory;
-    bool is_usable = thr_ip_split_path(file, &directory_part, &has_directory, &filename_part);
+    thr_ip_split_path(file, &directory_part, &has_directory, &filename_part);
     THR_HEAP_TEXT directory(directory_part);
     THR_HEAP_TEXT filename(filename_part);
+    if (has_directory)
+        thr_osi_long_path(directory.get()); // one that has none ends the process, without our lock
     THR_LOCK_GUARD guard(state.m_directory_lock);
+    if (has_directory && !is_directory(directory.get()))
+        return nullptr;
     char saved[CWD_SIZE];
-    if (!is_usable || !thr_osi_getcwd(saved, sizeof saved))
+    if (!thr_osi_getcwd(saved, sizeof saved))
         return nullptr;
     if (!has_directory)
         return THR_HEAP_TEXT(thr_ip_join_path(saved, filename.get()));

@@ -10,10 +10,9 @@
 // Stands for no lock file held.
 #define THR_BAD_FILE_HANDLE INVALID_HANDLE_VALUE
 
-// Splits at the last slash or, without any, at the last backslash. `has_directory` and `filename`
-// may be null; the caller frees the texts. True when the directory part names a directory that
-// exists, and always for a path without a separator, whose directory is ".".
-bool thr_ip_split_path(const char *file, char **directory, bool *has_directory, char **filename);
+// Splits at the last slash or, without any, at the last backslash; a path without a separator has
+// the directory ".". `has_directory` and `filename` may be null; the caller frees the texts.
+void thr_ip_split_path(const char *file, char **directory, bool *has_directory, char **filename);
 
 // A new text: directory, "/", file name.
 char *thr_ip_join_path(const char *directory, const char *filename);

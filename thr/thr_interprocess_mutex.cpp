@@ -23,6 +23,26 @@ namespace
 const char SUFFIX[] = ".mtx.flock";
 const uint32_t POLL_INTERVAL = 10; // milliseconds
 
+// Takes the lock file, of a record that does not hold it.
+int take(THR_IP_MUTEX mutex, bool waits)
+{
+    if (!mutex->m_lock_file_name)
+        return 0;
+    for (;;) {
+        int error;
+        mutex->m_lock_fh = thr_ip_lock_file_create(mutex->m_lock_file_name.get(), &error);
+        if (mutex->m_lock_fh != THR_BAD_FILE_HANDLE)
+            break;
+        if (!waits)
+            return 0;
+        thr_msleep(POLL_INTERVAL);
+        if (error != EEXIST)
+            return 0;
+    }
+    mutex->m_ref_count = 1;
+    return 1;
+}
+
 // Lets the lock file go, whatever the count was.
 void release(THR_IP_MUTEX mutex)
 {
@@ -78,19 +98,7 @@ int thr_ip_mutex_lock(THR_IP_MUTEX mutex)
         mutex->m_ref_count++;
         return 1;
     }
-    if (!mutex->m_lock_file_name)
-        return 0;
-    for (;;) {
-        int error;
-        mutex->m_lock_fh = thr_ip_lock_file_create(mutex->m_lock_file_name.get(), &error);
-        if (mutex->m_lock_fh != THR_BAD_FILE_HANDLE)
-            break;
-        thr_msleep(POLL_INTERVAL);
-        if (error != EEXIST)
-            return 0;
-    }
-    mutex->m_ref_count++;
-    return 1;
+    return take(mutex, true);
 }
 
 int thr_ip_mutex_try_lock(THR_IP_MUTEX mutex)
@@ -100,13 +108,7 @@ int thr_ip_mutex_try_lock(THR_IP_MUTEX mutex)
         mutex->m_ref_count++;
         return 1;
     }
-    if (!mutex->m_lock_file_name)
-        return 0;
-    mutex->m_lock_fh = thr_ip_lock_file_create(mutex->m_lock_file_name.get(), nullptr);
-    if (mutex->m_lock_fh == THR_BAD_FILE_HANDLE)
-        return 0;
-    mutex->m_ref_count++;
-    return 1;
+    return take(mutex, false);
 }
 
 void thr_ip_mutex_unlock(THR_IP_MUTEX mutex)

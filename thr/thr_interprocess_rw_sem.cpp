@@ -20,6 +20,7 @@ struct THR_IP_RW_SEM_RECORD {
     HANDLE m_writers_sem_fh;
     int32_t m_readers_ref_count;
     int32_t m_writers_ref_count;
+    bool m_is_writer; // has the writers lock; not yet while it waits for readers
 };
 
 namespace
@@ -27,6 +28,12 @@ namespace
 
 const char READER_SUFFIX[] = ".rdr.flock";
 const char WRITER_SUFFIX[] = ".wtr.flock";
+
+// The system refuses a name for a moment while its deletion is under way, and while a process that
+// was killed in a probe still has it: what is refused is taken again.
+const int MUTEX_RETRIES = 100; // each after the mutex's own pause
+const int FILE_RETRIES = 10;
+const uint32_t FILE_RETRY_INTERVAL = 10; // milliseconds
 
 // Which lock files a scan looks for.
 enum class Kind { READER, WRITER };
@@ -42,18 +49,28 @@ bool ends_with(const char *text, const char *suffix)
     return length >= suffix_length && strcmp(text + length - suffix_length, suffix) == 0;
 }
 
+// Allocated once, where operator+ of some compilers does it twice.
+THR_TEXT in_directory(const THR_TEXT &directory, const char *name)
+{
+    THR_TEXT path;
+    path.reserve(directory.size() + strlen(name));
+    path.append(directory).append(name);
+    return path; // moved, where the result of append() would be copied
+}
+
 // Whether an entry of the directory is a held lock file of the kind. Our own file always counts,
 // and is not probed.
-bool is_held_entry(const char *directory, const wchar_t *entry, const char *own, const char *suffix)
+bool is_held_entry(const THR_TEXT &directory, const wchar_t *entry, const char *own,
+                   const char *suffix)
 {
     char name[261];
     if (thr_osi_wide_to_ansi(WC_NO_BEST_FIT_CHARS, entry, wcslen(entry) + 1, name, sizeof name) ==
         0)
         return false;
-    THR_HEAP_TEXT candidate(thr_ip_join_path(directory, name));
-    if (strcmp(candidate.get(), own) == 0)
+    const THR_TEXT candidate = in_directory(directory, name);
+    if (candidate == own)
         return true;
-    return ends_with(candidate.get(), suffix) && thr_ip_lock_file_is_held(candidate.get());
+    return ends_with(candidate.c_str(), suffix) && thr_ip_lock_file_is_held(candidate.c_str());
 }
 
 // Whether any lock file of the kind is held in the semaphore's directory, whichever semaphore it
@@ -64,21 +81,22 @@ bool thr_ip_rw_sem_any_held(THR_IP_RW_SEM sem, Kind kind)
     const char *suffix = kind == Kind::READER ? READER_SUFFIX : WRITER_SUFFIX;
     const char *pattern = kind == Kind::READER ? "*.rdr.flock" : "*.wtr.flock";
 
-    char *directory_part;
-    thr_ip_split_path(own, &directory_part, nullptr, nullptr);
-    THR_HEAP_TEXT directory(directory_part);
-    THR_HEAP_TEXT search(thr_ip_join_path(directory.get(), pattern));
+    // The file name that a path ends with may hold a backslash: the directory goes on to there.
+    THR_TEXT directory(own, strlen(own));
+    directory.resize(directory.find_last_of("/\\") + 1);
+    const THR_TEXT search = in_directory(directory, pattern);
     WIN32_FIND_DATAW entry;
-    HANDLE found = FindFirstFileW(thr_osi_long_path(search.get()).c_str(), &entry);
+    HANDLE found = FindFirstFileW(thr_osi_long_path(search.c_str()).c_str(), &entry);
     if (found == INVALID_HANDLE_VALUE)
         return false;
     std::unique_ptr<void, CloseListing> listing(found);
     bool any = false;
     do {
-        if (is_held_entry(directory.get(), entry.cFileName, own, suffix))
+        if (is_held_entry(directory, entry.cFileName, own, suffix))
             any = true;
     } while (FindNextFileW(listing.get(), &entry));
-    return any;
+    // whoever comes behind the place where a listing breaks off may hold the lock
+    return any || GetLastError() != ERROR_NO_MORE_FILES;
 }
 
 THR_IP_MUTEX create_atomic_lock(const char *path)
@@ -113,16 +131,32 @@ void make_own_names(THR_IP_RW_SEM sem, const char *path)
     snprintf(sem->m_readers_sem, size, "%s.%s%s", path, pid, READER_SUFFIX);
 }
 
-void take_readers_sem(THR_IP_RW_SEM sem)
+// Takes one of the process's own files; THR_BAD_FILE_HANDLE when it stays refused.
+HANDLE take_file(const char *name)
 {
-    sem->m_readers_sem_fh = thr_ip_lock_file_create(sem->m_readers_sem, nullptr);
-    THR_CHECK(sem->m_readers_sem_fh != THR_BAD_FILE_HANDLE);
+    HANDLE file = thr_ip_lock_file_create(name, nullptr);
+    for (int retry = 0; file == THR_BAD_FILE_HANDLE && retry < FILE_RETRIES; retry++) {
+        thr_msleep(FILE_RETRY_INTERVAL);
+        file = thr_ip_lock_file_create(name, nullptr);
+    }
+    return file;
 }
 
-void take_writers_sem(THR_IP_RW_SEM sem)
+// False when the mutex stays refused.
+bool is_locked(THR_IP_MUTEX mutex)
 {
-    sem->m_writers_sem_fh = thr_ip_lock_file_create(sem->m_writers_sem, nullptr);
-    THR_CHECK(sem->m_writers_sem_fh != THR_BAD_FILE_HANDLE);
+    int taken = thr_ip_mutex_lock(mutex);
+    for (int retry = 0; !taken && retry < MUTEX_RETRIES; retry++)
+        taken = thr_ip_mutex_lock(mutex);
+    return taken != 0;
+}
+
+// A lock without its mutex would exclude nobody: the process ends, as at the unlock of a mutex that
+// is not held.
+void lock_mutex(THR_IP_MUTEX mutex)
+{
+    if (!is_locked(mutex))
+        thr_ip_mutex_unlock(mutex);
 }
 
 void release_readers_sem(THR_IP_RW_SEM sem)
@@ -132,12 +166,30 @@ void release_readers_sem(THR_IP_RW_SEM sem)
     sem->m_readers_ref_count = 0;
 }
 
-void release_writers_sem(THR_IP_RW_SEM sem)
+void close_writers_sem(THR_IP_RW_SEM sem)
 {
-    thr_ip_mutex_unlock(sem->m_writers_lock);
     thr_ip_lock_file_close(sem->m_writers_sem, sem->m_writers_sem_fh);
     sem->m_writers_sem_fh = THR_BAD_FILE_HANDLE;
     sem->m_writers_ref_count = 0;
+}
+
+// Also of a record that is destroyed, at the end of the process, while its write lock still waits.
+void release_writers_sem(THR_IP_RW_SEM sem)
+{
+    if (sem->m_is_writer)
+        thr_ip_mutex_unlock(sem->m_writers_lock);
+    sem->m_is_writer = false;
+    close_writers_sem(sem);
+}
+
+// As lock_mutex(), and takes back what a write lock has announced: nobody shall wait for it while a
+// report is shown.
+void lock_mutex_to_write(THR_IP_RW_SEM sem, THR_IP_MUTEX mutex)
+{
+    if (!is_locked(mutex)) {
+        close_writers_sem(sem);
+        thr_ip_mutex_unlock(mutex);
+    }
 }
 
 int thr_ip_rw_sem_read_acquire(THR_IP_RW_SEM sem, bool wait)
@@ -149,16 +201,18 @@ int thr_ip_rw_sem_read_acquire(THR_IP_RW_SEM sem, bool wait)
     }
     if (wait)
         THR_CHECK(sem->m_writers_ref_count == 0); // it would wait for itself
-    thr_ip_mutex_lock(sem->m_atomic_lock);
+    lock_mutex(sem->m_atomic_lock);
     while (thr_ip_rw_sem_any_held(sem, Kind::WRITER)) {
         thr_ip_mutex_unlock(sem->m_atomic_lock);
         if (!wait)
             return 0;
-        thr_ip_mutex_lock(sem->m_atomic_lock);
+        lock_mutex(sem->m_atomic_lock);
     }
-    take_readers_sem(sem);
-    sem->m_readers_ref_count++;
+    sem->m_readers_sem_fh = take_file(sem->m_readers_sem);
+    if (sem->m_readers_sem_fh != THR_BAD_FILE_HANDLE)
+        sem->m_readers_ref_count++;
     thr_ip_mutex_unlock(sem->m_atomic_lock);
+    THR_CHECK(sem->m_readers_sem_fh != THR_BAD_FILE_HANDLE);
     return 1;
 }
 
@@ -234,14 +288,20 @@ void thr_ip_rw_sem_write_lock(THR_IP_RW_SEM sem)
     sem->m_writers_ref_count++;
     if (sem->m_writers_ref_count > 1)
         return;
-    thr_ip_mutex_lock(sem->m_atomic_lock);
-    take_writers_sem(sem); // from here on new readers of every process wait
+    lock_mutex_to_write(sem, sem->m_atomic_lock);
+    sem->m_writers_sem_fh = take_file(sem->m_writers_sem); // from here on new readers wait
+    if (sem->m_writers_sem_fh == THR_BAD_FILE_HANDLE) {
+        close_writers_sem(sem);
+        thr_ip_mutex_unlock(sem->m_atomic_lock);
+        THR_CHECK(sem->m_writers_sem_fh != THR_BAD_FILE_HANDLE);
+    }
     do {
         thr_ip_mutex_unlock(sem->m_atomic_lock);
-        thr_ip_mutex_lock(sem->m_atomic_lock);
+        lock_mutex_to_write(sem, sem->m_atomic_lock);
     } while (thr_ip_rw_sem_any_held(sem, Kind::READER));
     thr_ip_mutex_unlock(sem->m_atomic_lock);
-    thr_ip_mutex_lock(sem->m_writers_lock);
+    lock_mutex_to_write(sem, sem->m_writers_lock);
+    sem->m_is_writer = true;
 }
 
 int thr_ip_rw_sem_write_try_lock(THR_IP_RW_SEM sem)
@@ -251,19 +311,22 @@ int thr_ip_rw_sem_write_try_lock(THR_IP_RW_SEM sem)
         sem->m_writers_ref_count++;
         return 1;
     }
-    int taken = 0;
-    thr_ip_mutex_lock(sem->m_atomic_lock);
+    bool is_free = false;
+    lock_mutex(sem->m_atomic_lock);
     if (thr_ip_mutex_try_lock(sem->m_writers_lock)) {
-        if (thr_ip_rw_sem_any_held(sem, Kind::READER)) {
-            thr_ip_mutex_unlock(sem->m_writers_lock);
-        } else {
-            take_writers_sem(sem);
+        is_free = !thr_ip_rw_sem_any_held(sem, Kind::READER);
+        if (is_free)
+            sem->m_writers_sem_fh = take_file(sem->m_writers_sem);
+        sem->m_is_writer = sem->m_writers_sem_fh != THR_BAD_FILE_HANDLE;
+        if (sem->m_is_writer)
             sem->m_writers_ref_count++;
-            taken = 1;
-        }
+        else
+            thr_ip_mutex_unlock(sem->m_writers_lock);
     }
     thr_ip_mutex_unlock(sem->m_atomic_lock);
-    return taken;
+    if (is_free)
+        THR_CHECK(sem->m_writers_sem_fh != THR_BAD_FILE_HANDLE);
+    return is_free;
 }
 
 void thr_ip_rw_sem_write_unlock(THR_IP_RW_SEM sem)

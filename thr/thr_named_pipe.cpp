@@ -145,6 +145,10 @@ bool THR_NAMED_PIPE::open_w()
 
 bool THR_NAMED_PIPE::open_client(uint32_t access)
 {
+    if (!m_name) { // the empty name is that of the pipe file system itself
+        m_error = ERROR_FILE_NOT_FOUND;
+        return false;
+    }
     FullName full_name(m_name);
     for (;;) {
         m_handle = CreateFileA(full_name.m_text, access, 0, nullptr, OPEN_EXISTING, 0, nullptr);

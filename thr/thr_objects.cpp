@@ -2,12 +2,14 @@
 
 #include "thr/thr.h"
 #include "thr/thr_classes.h"
+#include "thr/thr_lock.h"
 #include "thr/thr_owner.h"
 #include "thr/thr_report.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <cwchar>
 #include <exception>
 #include <new>
 
@@ -135,6 +137,32 @@ int thr_process_terminate(uint64_t process, int exit_code)
 
 // --- environment --------------------------------------------------------------------------------
 
+namespace
+{
+
+const size_t LONGEST = 32766; // characters that the system keeps of a name and of a value
+
+THR_LOCK environment_lock; // the runtime's own calls do not exclude each other
+
+// False when the system refuses.
+bool ansi_to_wide(const char *text, THR_WIDE_TEXT *wide)
+{
+    int size = MultiByteToWideChar(CP_ACP, 0, text, -1, nullptr, 0);
+    wide->resize(size);
+    if (MultiByteToWideChar(CP_ACP, 0, text, -1, wide->data(), size) == 0 || size == 0)
+        return false;
+    wide->pop_back(); // its end
+    return true;
+}
+
+bool is_too_long(const char *text)
+{
+    THR_WIDE_TEXT wide;
+    return strlen(text) > LONGEST && !(ansi_to_wide(text, &wide) && wide.size() <= LONGEST);
+}
+
+} // namespace
+
 int thr_setenv(const char *name, const char *value)
 {
     THR_CHECK(name != 0);
@@ -144,20 +172,39 @@ int thr_setenv(const char *name, const char *value)
     THR_HEAP_TEXT str(static_cast<char *>(malloc(size)));
     THR_CHECK(str);
     snprintf(str.get(), size, "%s=%s", name, value);
+    if (is_too_long(name) || is_too_long(value))
+        return -1;
+    THR_LOCK_GUARD guard(environment_lock);
     return _putenv(str.get());
 }
 
+// In wide characters, so that what the ANSI code page can't spell stays in the list.
 int thr_prepend_env(const char *name, const char *value)
 {
     THR_CHECK(name != 0);
     if (!value)
         return -1;
-    THR_TEXT list = value;
-    if (const char *current = getenv(name)) {
-        list += ';';
-        list += current;
-    }
-    return thr_setenv(name, list.c_str());
+    THR_WIDE_TEXT wide_name;
+    THR_WIDE_TEXT list;
+    THR_WIDE_TEXT assignment;
+    if (!ansi_to_wide(name, &wide_name) || !ansi_to_wide(value, &list))
+        return -1;
+    assignment.reserve(wide_name.size() + 1 + LONGEST); // nothing is allocated under the lock
+    list.reserve(list.size() + 1 + LONGEST);
+    wchar_t current[LONGEST + 1];
+    THR_LOCK_GUARD guard(environment_lock);
+    SetLastError(ERROR_SUCCESS);
+    DWORD length = GetEnvironmentVariableW(wide_name.c_str(), current, LONGEST + 1);
+    if (length > LONGEST)
+        return -1;
+    if (length == 0 && GetLastError() != ERROR_SUCCESS && GetLastError() != ERROR_ENVVAR_NOT_FOUND)
+        return -1; // rather than lose the list
+    if (length > 0 || GetLastError() == ERROR_SUCCESS)
+        list.append(1, L';').append(current, length);
+    if (wide_name.size() > LONGEST || list.size() > LONGEST)
+        return -1;
+    assignment.append(wide_name).append(1, L'=').append(list);
+    return _wputenv(assignment.c_str());
 }
 
 // --- handlers -----------------------------------------------------------------------------------

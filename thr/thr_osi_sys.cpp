@@ -100,6 +100,18 @@ THR_WIDE_TEXT thr_osi_strip_trailing_separator(THR_WIDE_TEXT &&path)
     return stripped;
 }
 
+const char *thr_osi_last_backslash(const char *text, const char *end)
+{
+    const char *last = nullptr;
+    for (const char *character = text; character < end; character++) {
+        if (*character == '\\')
+            last = character;
+        else if (*character & 0x80 && IsDBCSLeadByte(static_cast<BYTE>(*character)))
+            character++;
+    }
+    return last;
+}
+
 int thr_osi_wide_to_ansi(DWORD flags, const wchar_t *text, size_t length, char *buffer,
                          int capacity)
 {
@@ -142,9 +154,10 @@ uint64_t make_temp_name_seed()
     DWORD size = 0;
     GetComputerNameExA(ComputerNamePhysicalDnsFullyQualified, nullptr, &size);
     char *buffer = static_cast<char *>(calloc(size + 1, 1)); // no name is the empty name
-    THR_CHECK_AS(buffer, "buffer");
-    GetComputerNameExA(ComputerNamePhysicalDnsFullyQualified, buffer, &size);
     temp_names.m_computer_name = buffer;
+    if (!buffer)
+        return 0;
+    GetComputerNameExA(ComputerNamePhysicalDnsFullyQualified, buffer, &size);
 
     uint64_t hash = FNV_OFFSET_BASIS;
     for (const char *byte = buffer; *byte; byte++)
@@ -163,6 +176,7 @@ bool exists(const THR_WIDE_TEXT &path)
 THR_WIDE_TEXT thr_osi_temp_name(const THR_WIDE_TEXT &path)
 {
     static const uint64_t seed = make_temp_name_seed();
+    THR_CHECK_AS(temp_names.m_computer_name, "buffer"); // behind the guard of the line above
     THR_WIDE_TEXT directory = path.substr(0, path.find_last_of(L"\\/") + 1);
     THR_WIDE_TEXT candidate;
     for (int attempt = 0; attempt < TEMP_NAME_ATTEMPTS; attempt++) {
@@ -313,7 +327,8 @@ int thr_osi_stat(const char *path, struct _stat64i32 *record)
     DWORD attributes = GetFileAttributesW(long_path.c_str());
     if (attributes == INVALID_FILE_ATTRIBUTES)
         return -1;
-    int descriptor = thr_osi_open(long_path, _O_RDONLY | OPEN_DIRECTORY, 0600);
+    // not inheritable: a child that is started meanwhile would keep the directory open
+    int descriptor = thr_osi_open(long_path, _O_RDONLY | OPEN_DIRECTORY | _O_NOINHERIT, 0600);
     if (descriptor == -1)
         return -1;
     int result = _fstat64i32(descriptor, record);

@@ -21,6 +21,10 @@ size_t thr_osi_skip_to_drive(const THR_WIDE_TEXT &text);
 // Takes the text over and gives it back without its last character, if that is a separator.
 THR_WIDE_TEXT thr_osi_strip_trailing_separator(THR_WIDE_TEXT &&path);
 
+// The last backslash before `end` of a text in the ANSI code page, in which the second byte of a
+// character may look like one; null without any.
+const char *thr_osi_last_backslash(const char *text, const char *end);
+
 // Converts `length` characters to the ANSI code page, without a terminator; the result is the bytes
 // written, 0 when refused. The flags are those of WideCharToMultiByte, dropped where the code page
 // knows none.

@@ -15,8 +15,8 @@
 namespace
 {
 
-// Creations are serialised: between the making of a pipe and the closing of the child's end any
-// other child would inherit that end, and end-of-file would never arrive.
+// Creations are serialised from the making of the first pipe to the closing of the child's ends:
+// any other child would inherit an end meanwhile, and end-of-file would never arrive.
 struct ProcessState {
     int m_inherit_handles;
     THR_LOCK m_creation_lock;
@@ -33,6 +33,7 @@ struct Creation {
     THR_HANDLE m_child_out;
     THR_HANDLE m_child_err;
     THR_HANDLE m_child_in;
+    bool m_is_in_job = false;
 };
 
 THR_HANDLE duplicate(HANDLE handle, BOOL inheritable)
@@ -82,7 +83,11 @@ void redirect(Creation *creation, void **caller_end, DWORD std_handle, THR_HANDL
             return;
     }
     *startup_field = child_end->get();
-    creation->m_startup.dwFlags = STARTF_USESTDHANDLES;
+    STARTUPINFOA &startup = creation->m_startup;
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    // a table of descriptors that was handed to us would overrule them in the child's runtime
+    startup.cbReserved2 = 0;
+    startup.lpReserved2 = nullptr;
 }
 
 void redirect_all(Creation *creation, void **out_pipe, void **err_pipe, void **in_pipe)
@@ -157,6 +162,24 @@ bool create_suspended(Creation *creation, char *command, const char *directory, 
     return (flags & CREATE_BREAKAWAY_FROM_JOB) && create(flags & ~CREATE_BREAKAWAY_FROM_JOB);
 }
 
+// The steps that no other creation may come between. The result is the code of a refused creation,
+// else 0.
+DWORD create_redirected(Creation *creation, char *command, const char *directory, void **out_pipe,
+                        void **err_pipe, void **in_pipe)
+{
+    THR_LOCK_GUARD guard(state.m_creation_lock);
+    redirect_all(creation, out_pipe, err_pipe, in_pipe);
+    DWORD flags = CREATE_SUSPENDED | console_flag();
+    creation->m_is_in_job = is_in_process_job();
+    if (!creation->m_is_in_job)
+        flags |= CREATE_BREAKAWAY_FROM_JOB;
+    DWORD code = create_suspended(creation, command, directory, flags) ? 0 : GetLastError();
+    creation->m_child_out.reset();
+    creation->m_child_err.reset();
+    creation->m_child_in.reset();
+    return code;
+}
+
 // Lets the children of the job's processes break away.
 void allow_breakaway(HANDLE job)
 {
@@ -185,26 +208,21 @@ THR_HANDLE make_job(HANDLE process, bool is_in_job)
 void *thr_process_create_and_save_job(char *command, const char *directory, void **out_pipe,
                                       void **err_pipe, void **in_pipe, void *, void **job)
 {
-    THR_LOCK_GUARD guard(state.m_creation_lock);
+    THR_CHECK(command);
     Creation creation;
     GetStartupInfoA(&creation.m_startup);
     creation.m_inherit = state.m_inherit_handles;
-    redirect_all(&creation, out_pipe, err_pipe, in_pipe);
-
-    DWORD flags = CREATE_SUSPENDED | console_flag();
-    bool is_in_job = is_in_process_job();
-    if (!is_in_job)
-        flags |= CREATE_BREAKAWAY_FROM_JOB;
-    if (!create_suspended(&creation, command, directory, flags)) {
-        tell_creation_failed(GetLastError(), command);
-        return nullptr;
-    }
+    DWORD code = create_redirected(&creation, command, directory, out_pipe, err_pipe, in_pipe);
     THR_HANDLE process(creation.m_process.hProcess);
     THR_HANDLE thread(creation.m_process.hThread);
-    THR_HANDLE child_job = make_job(process.get(), is_in_job);
+    if (!process) {
+        tell_creation_failed(code, command);
+        return nullptr;
+    }
+    THR_HANDLE child_job = make_job(process.get(), creation.m_is_in_job);
     if (ResumeThread(thread.get()) == static_cast<DWORD>(-1)) {
         // a child that never runs could not be started
-        DWORD code = GetLastError();
+        code = GetLastError();
         TerminateProcess(process.get(), static_cast<UINT>(-1));
         tell_creation_failed(code, command);
         return nullptr;
@@ -336,7 +354,7 @@ int thr_run(char *command)
     thr_process_close_handle(output); // the child's output has no reader
     if (!process)
         return -1;
-    thr_process_status status;
+    thr_process_status status = {};
     if (thr_process_wait(process, &status, 0) == reinterpret_cast<intptr_t>(process))
         return status.exit_code;
     CloseHandle(process);
@@ -361,6 +379,7 @@ void thr_sys_func_init(thr_sys_func *record, int32_t name, int32_t error)
 
 void thr_sys_func_waitpid_init(thr_sys_func *record, int32_t name, int32_t wstat, int32_t error)
 {
+    THR_CHECK(record);
     record->name = name;
     record->wstat = wstat;
     record->errno = error;
@@ -368,16 +387,19 @@ void thr_sys_func_waitpid_init(thr_sys_func *record, int32_t name, int32_t wstat
 
 int32_t thr_sys_func_get_name(const thr_sys_func *record)
 {
+    THR_CHECK(record);
     return record->name;
 }
 
 int32_t thr_sys_func_get_wstat(const thr_sys_func *record)
 {
+    THR_CHECK(record);
     return record->wstat;
 }
 
 int32_t thr_sys_func_get_errno(const thr_sys_func *record)
 {
+    THR_CHECK(record);
     return record->errno;
 }
 

@@ -1,5 +1,7 @@
 #include "thr/thr.h"
 
+#include <cstdint>
+
 #include <windows.h>
 
 THR_EVENT thr_win32_pump_exit_event = nullptr;
@@ -32,29 +34,36 @@ THR_EVENT exit_event(THR_EVENT *variable)
     return static_cast<THR_EVENT>(first);
 }
 
+// Takes a post of the pump's exit event back. A message's handler may have given the event up.
+bool is_exit_asked_for()
+{
+    THR_EVENT event = exit_event(&thr_win32_pump_exit_event);
+    if (!thr_event_is_posted(event))
+        return false;
+    thr_event_reset(event);
+    return true;
+}
+
 bool is_main_thread()
 {
     return thr_thread_self() == THR_THREAD_MAIN_ID;
 }
 
-// The library's own pump.
+// The library's own pump. It takes a message in the call that looks for one: in between, a message
+// sent by another thread could take away what was seen, and a call that waits would stay.
 uint64_t pump(uint64_t limit)
 {
     uint64_t count = 0;
     do {
         MSG message;
-        if (!PeekMessageA(&message, nullptr, 0, 0, PM_NOREMOVE))
+        if (!PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE))
             return count;
-        BOOL taken = GetMessageA(&message, nullptr, 0, 0);
-        if (taken == -1)
-            return count;
-        if (taken == 0) {
+        if (message.message == WM_QUIT) {
             // The quit is for the host's own loop. Without a limit nothing else would end this one.
             PostQuitMessage(static_cast<int>(message.wParam));
-            if (limit == 0)
+            if (limit == 0 || limit == UINT64_MAX)
                 return count;
-        } else if (thr_event_is_posted(thr_win32_pump_exit_event)) {
-            thr_event_reset(thr_win32_pump_exit_event);
+        } else if (is_exit_asked_for()) {
             return thr_win32_pump_exit_retcode;
         } else {
             TranslateMessage(&message);

@@ -1,6 +1,7 @@
 #include "thr/thr_report.h"
 
 #include "thr/thr.h"
+#include "thr/thr_lock.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -65,6 +66,7 @@ void thr_win32_output_debug_string(const char *text)
 
 void thr_report_internal_error(const char *message, const char *file, int line)
 {
+    THR_LOCK::let_all_go();
     if (THR_REPORT_FUNC report = state.m_report_func)
         report(message, SUB_SYSTEM, file, line);
     else

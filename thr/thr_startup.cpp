@@ -11,12 +11,19 @@
 namespace
 {
 
-void start_up()
+bool is_started;
+
+bool start_up()
 {
-    thr_thread_init_main();
+    if (!thr_thread_init_main()) {
+        thr_thread_fini_main();
+        return false;
+    }
     thr_handlers_init();
     thr_drl_keep_debug_setting();
     thr_drl_set_dll_directory();
+    is_started = true;
+    return true;
 }
 
 void shut_down()
@@ -24,6 +31,18 @@ void shut_down()
     thr_drl_cleanup();
     thr_handlers_fini();
     thr_thread_fini_main();
+    is_started = false;
+}
+
+// The library does nothing when threads come and go. The platform can't leave those notifications
+// out for a library whose compiler gave it thread-local storage, and refuses.
+void decline_thread_notifications(HINSTANCE instance)
+{
+    auto *base = reinterpret_cast<const char *>(instance);
+    auto *dos = reinterpret_cast<const IMAGE_DOS_HEADER *>(base);
+    auto *nt = reinterpret_cast<const IMAGE_NT_HEADERS *>(base + dos->e_lfanew);
+    if (nt->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_TLS].Size == 0)
+        DisableThreadLibraryCalls(instance);
 }
 
 } // namespace
@@ -31,10 +50,11 @@ void shut_down()
 extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID)
 {
     if (reason == DLL_PROCESS_ATTACH) {
-        DisableThreadLibraryCalls(instance); // the library does nothing when threads come and go
-        start_up();
-    } else if (reason == DLL_PROCESS_DETACH) {
-        shut_down();
+        decline_thread_notifications(instance);
+        return start_up();
     }
+    // a load that failed is told of its end as well
+    if (reason == DLL_PROCESS_DETACH && is_started)
+        shut_down();
     return TRUE;
 }

@@ -1,11 +1,11 @@
 #include "thr/thr_thread.h"
 
 #include "thr/thr.h"
-#include "thr/thr_lock.h"
 #include "thr/thr_report.h"
 
 #include <atomic>
 #include <cstdlib>
+#include <cstring>
 #include <new>
 
 #include <process.h>
@@ -24,6 +24,11 @@ struct THR_THREAD_RECORD {
     std::atomic<int> m_is_finished; // also read alone, without the mutex
     std::atomic<int> m_is_detached;
     HANDLE m_thread_handle; // null when the thread could not be started
+
+    // A thread may detach itself before its creator has stored the handle, who then does it.
+    enum Stage { CREATING, CREATED, GIVEN_UP };
+    std::atomic<Stage> m_stage;
+    std::atomic<DWORD> m_os_id; // stored by the thread; not used again while its handle is open
 };
 
 THR_THREAD_ID THR_THREAD_MAIN_ID = nullptr;
@@ -58,10 +63,11 @@ void release(THR_THREAD_ID record)
     free(record);
 }
 
-// The thread's side: its function is done.
+// The thread's side: its function is done, and with it the thread's use of its id.
 void finish(THR_THREAD_ID info)
 {
     thr_mutex_lock(info->m_mutex);
+    thr_thread_var_set(&state.m_self_var, nullptr);
     int is_detached = info->m_is_detached;
     info->m_is_finished = 1;
     thr_mutex_unlock(info->m_mutex);
@@ -69,14 +75,13 @@ void finish(THR_THREAD_ID info)
         release(info);
 }
 
-// The owner's side, with the record's mutex locked: nobody uses the id any more. A thread that was
-// never started will not finish.
+// The owner's side, with the record's mutex locked: nobody uses the id any more.
 void give_up_locked(THR_THREAD_ID thread_id)
 {
-    bool is_done = thread_id->m_is_finished || !thread_id->m_thread_handle;
+    int is_finished = thread_id->m_is_finished;
     thread_id->m_is_detached = 1;
     thr_mutex_unlock(thread_id->m_mutex);
-    if (is_done)
+    if (is_finished)
         release(thread_id);
 }
 
@@ -86,11 +91,19 @@ void give_up(THR_THREAD_ID thread_id)
     give_up_locked(thread_id);
 }
 
+// A thread can hand its id on before its creator has stored the handle.
+void wait_for_creator(THR_THREAD_ID thread_id)
+{
+    while (thread_id->m_stage == THR_THREAD_RECORD::CREATING)
+        Sleep(1);
+}
+
 DWORD WINAPI thr_thread_begin(void *argument)
 {
     THR_THREAD_ID info = static_cast<THR_THREAD_ID>(argument);
     THR_CHECK(info != 0);
-    thr_thread_var_set(&state.m_self_var, info);
+    info->m_os_id = GetCurrentThreadId();
+    THR_CHECK(thr_thread_var_set(&state.m_self_var, info) == 0);
     info->m_exit_value = state.m_chain_head(info->m_thread_func, info->m_thread_arg);
     finish(info);
     return 0;
@@ -100,6 +113,7 @@ DWORD WINAPI thr_thread_begin(void *argument)
 
 THR_THREAD_ID thr_thread_create(THR_THREAD_FUNC func, void *arg, uint32_t stack_size)
 {
+    THR_CHECK(func);
     THR_THREAD_ID info = new_record();
     THR_CHECK_AS(info, "info");
     info->m_thread_func = func;
@@ -107,12 +121,19 @@ THR_THREAD_ID thr_thread_create(THR_THREAD_FUNC func, void *arg, uint32_t stack_
     info->m_mutex = thr_mutex_create();
     info->m_thread_handle = THR_CHECK_HANDLE(
         "create a thread", CreateThread(0, stack_size, thr_thread_begin, info, 0, 0));
+    if (!info->m_thread_handle)
+        info->m_is_finished = 1; // it will never run
+    if (info->m_stage.exchange(THR_THREAD_RECORD::CREATED) == THR_THREAD_RECORD::GIVEN_UP)
+        thr_thread_detach(info);
     return info;
 }
 
 void *thr_thread_wait(THR_THREAD_ID thread_id)
 {
     THR_CHECK(thread_id);
+    // also of a thread whose function is done, in a destructor
+    THR_CHECK_AS(thread_id->m_os_id != GetCurrentThreadId(), "thread_id != thr_thread_self()");
+    wait_for_creator(thread_id);
     DWORD waited = WaitForSingleObject(thread_id->m_thread_handle, INFINITE);
     THR_CHECK_WIN32_AS("shut down a thread", waited == WAIT_OBJECT_0,
                        "WaitForSingleObject(thread_id->m_thread_handle, INFINITE)==WAIT_OBJECT_0");
@@ -132,6 +153,8 @@ void *thr_thread_wait(THR_THREAD_ID thread_id)
 void thr_thread_detach(THR_THREAD_ID thread_id)
 {
     THR_CHECK(thread_id);
+    if (thread_id->m_stage.exchange(THR_THREAD_RECORD::GIVEN_UP) == THR_THREAD_RECORD::CREATING)
+        return;
     THR_CHECK_WIN32("detach a thread", CloseHandle(thread_id->m_thread_handle));
     give_up(thread_id);
 }
@@ -139,6 +162,7 @@ void thr_thread_detach(THR_THREAD_ID thread_id)
 void thr_thread_terminate_and_possibly_crash(THR_THREAD_ID thread_id)
 {
     THR_CHECK(thread_id);
+    wait_for_creator(thread_id);
     BOOL result = TerminateThread(thread_id->m_thread_handle, 0);
     THR_CHECK_WIN32_AS("terminate a thread", result,
                        "TerminateThread(thread_id->m_thread_handle, 0)");
@@ -162,6 +186,7 @@ void thr_thread_exit(void *exit_value)
 
 int thr_thread_is_running(THR_THREAD_ID thread_id)
 {
+    THR_CHECK(thread_id);
     return thread_id->m_is_finished == 0;
 }
 
@@ -175,25 +200,32 @@ THR_THREAD_ID thr_thread_self()
 void thr_thread_set_next_wrapper_func(THR_THREAD_WRAPPER wrapper_func,
                                       THR_THREAD_WRAPPER *next_wrapper_func_ptr)
 {
+    THR_CHECK(wrapper_func);
+    THR_CHECK(next_wrapper_func_ptr);
     THR_CHECK(*next_wrapper_func_ptr == 0);
-    *state.m_chain_tail = wrapper_func;
-    state.m_chain_tail = next_wrapper_func_ptr;
     *next_wrapper_func_ptr = thr_thread_call_func;
+    // Linked last, when it is whole: other threads may be running the chain.
+    InterlockedExchangePointer(reinterpret_cast<void *volatile *>(state.m_chain_tail),
+                               reinterpret_cast<void *>(wrapper_func));
+    state.m_chain_tail = next_wrapper_func_ptr;
 }
 
 void *thr_thread_wrapper(THR_THREAD_FUNC func, void *arg)
 {
+    THR_CHECK(func);
     return state.m_chain_head(func, arg);
 }
 
 void thr_thread_set_stack_size(uint32_t) {}
 
-void thr_thread_init_main()
+bool thr_thread_init_main()
 {
     THR_THREAD_MAIN_ID = new_record();
     THR_CHECK(THR_THREAD_MAIN_ID);
+    THR_THREAD_MAIN_ID->m_stage = THR_THREAD_RECORD::CREATED;
+    THR_THREAD_MAIN_ID->m_os_id = GetCurrentThreadId();
     thr_thread_var_init(&state.m_self_var);
-    thr_thread_var_set(&state.m_self_var, THR_THREAD_MAIN_ID);
+    return thr_thread_var_set(&state.m_self_var, THR_THREAD_MAIN_ID) == 0;
 }
 
 void thr_thread_fini_main()
@@ -210,6 +242,7 @@ static_assert(sizeof(THR_THREAD_VAR) == sizeof(DWORD), "a thread variable is an 
 
 int thr_thread_var_init(THR_THREAD_VAR *var)
 {
+    THR_CHECK(var);
     *var = TlsAlloc();
     if (*var != TLS_OUT_OF_INDEXES)
         return 0;
@@ -222,6 +255,7 @@ int thr_thread_var_init(THR_THREAD_VAR *var)
 
 int thr_thread_var_destroy(THR_THREAD_VAR *var)
 {
+    THR_CHECK(var);
     return TlsFree(*var) ? 0 : static_cast<int>(GetLastError());
 }
 
@@ -282,37 +316,50 @@ struct THREADNAME_INFO {
     DWORD dwFlags;
 };
 
-// One thread at a time raises the naming exception, so that the handler, which every thread's
-// exceptions reach, can tell that thread's from another's.
-struct RenameState {
-    THR_LOCK m_lock;
-    std::atomic<DWORD> m_thread_id; // 0: none
-};
-
-RenameState rename_state;
-
-LONG CALLBACK continue_after_naming(EXCEPTION_POINTERS *exception)
-{
-    bool is_ours = exception->ExceptionRecord->ExceptionCode == THREAD_NAMING_EXCEPTION &&
-                   rename_state.m_thread_id == GetCurrentThreadId();
-    return is_ours ? EXCEPTION_CONTINUE_EXECUTION : EXCEPTION_CONTINUE_SEARCH;
-}
-
 } // namespace
 
-// The raise is guarded by a vectored handler, since not every compiler has structured exception
-// blocks. Without the handler nothing may be raised: nobody would catch it.
-void thr_rename_thread(const char *name)
+// The raise is guarded by a block whose filter answers every exception with going on, whether or
+// not a debugger took the name. GCC has no such blocks, but names a frame handler. The instruction
+// behind the raise keeps its return address inside the guarded function's body.
+#ifdef _MSC_VER
+
+static void raise_naming(const THREADNAME_INFO &info)
 {
-    THREADNAME_INFO info = {0x1000, name, 0xFFFFFFFF, 0};
-    THR_LOCK_GUARD guard(rename_state.m_lock);
-    rename_state.m_thread_id = GetCurrentThreadId();
-    if (void *handler = AddVectoredExceptionHandler(1, continue_after_naming)) {
+    __try {
         RaiseException(THREAD_NAMING_EXCEPTION, 0, sizeof info / sizeof(ULONG_PTR),
                        reinterpret_cast<const ULONG_PTR *>(&info));
-        RemoveVectoredExceptionHandler(handler);
+    } __except (EXCEPTION_CONTINUE_EXECUTION) {
     }
-    rename_state.m_thread_id = 0;
+}
+
+#else
+
+extern "C" {
+
+__attribute__((used)) static EXCEPTION_DISPOSITION thr_continue_naming(EXCEPTION_RECORD *, void *,
+                                                                       CONTEXT *, void *)
+{
+    return ExceptionContinueExecution;
+}
+}
+
+__attribute__((noinline)) static void raise_naming(const THREADNAME_INFO &info)
+{
+    RaiseException(THREAD_NAMING_EXCEPTION, 0, sizeof info / sizeof(ULONG_PTR),
+                   reinterpret_cast<const ULONG_PTR *>(&info));
+    __asm__ __volatile__(".seh_handler thr_continue_naming, @except\n\tnop");
+}
+
+#endif
+
+void thr_rename_thread(const char *name)
+{
+    THREADNAME_INFO info;
+    memset(&info, 0, sizeof info); // the gaps between its fields, too
+    info.dwType = 0x1000;
+    info.szName = name;
+    info.dwThreadID = 0xFFFFFFFF;
+    raise_naming(info);
 }
 
 int thr_getpid()

@@ -2,7 +2,8 @@
 #ifndef THR_THR_THREAD_H
 #define THR_THR_THREAD_H
 
-void thr_thread_init_main();
+// False when the system has no thread variable left; thr_thread_fini_main() then releases the rest.
+bool thr_thread_init_main();
 void thr_thread_fini_main();
 
 #endif

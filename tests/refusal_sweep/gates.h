@@ -24,23 +24,35 @@ Gate &gate_of(const std::string &name);
 bool has_name(const char *names, const std::string &name);
 
 // Puts the gates up, for the life of the process.
-// @return the imports that there is no rule for
-std::vector<std::string> install_gates();
+void install_gates();
 
-// Forgets the calls so far, and refuses from now on the `nth` call of a gate (1: the first), with
-// `onwards` all later ones too. A null gate refuses nothing.
+// Notes from now on which function of the library this program called last.
+// @return the names of those that it imports
+std::vector<std::string> watch_operations();
+
+// Which calls are refused: the `nth` call of a gate (1: the first), with `onwards` all later ones
+// too.
+struct Refusal {
+    Gate *gate; // null: nothing is refused
+    LONG nth;
+    bool onwards;
+    volatile bool has_later; // the gate was called again after the first one
+    const char *operation;   // in which the first one was refused; null: none was yet
+};
+extern Refusal refusal;
+
+// Forgets the calls so far, and refuses others from now on.
 void refuse(Gate *gate, LONG nth, bool onwards);
 
-// Since then: the calls refused, and whether the gate was called again after the first of them.
-LONG refused_calls();
-bool was_called_again();
-
-// In use: heap blocks of the library and of the C++ runtime, entries of critical sections that
-// were not left yet, and critical sections.
+// In use by the library; of the heap's blocks those of the C++ runtime, too.
 struct Balance {
     LONG blocks;
-    LONG entered;
-    LONG sections;
+    LONG entered;  // critical sections that were not left yet
+    LONG sections; // critical sections
+    LONG texts;    // of the system's, in memory of its own
+    LONG slots;    // of thread-local storage
+    LONG libraries;
+    LONG searches; // for files
 };
 extern Balance used;
 

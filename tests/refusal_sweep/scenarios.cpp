@@ -7,11 +7,18 @@
 #include "support/import_patch.h"
 #include "thr/thr_classes.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 
 Run run;
+
+void must(bool holds, const char *what)
+{
+    if (!holds && !run.fault)
+        run.fault = what;
+}
 
 namespace
 {
@@ -25,21 +32,19 @@ bool result(bool is_done)
     return is_done;
 }
 
-void must(bool holds, const char *what)
-{
-    if (!holds && !run.fault)
-        run.fault = what;
-}
-
-// What must be so unless a report said that it is not.
-void must_or_report(bool holds, const char *what)
-{
-    must(holds || run.reports != 0, what);
-}
-
 template <class T> void let_through(const char *function, T *target)
 {
     gate_of(function).target = reinterpret_cast<void *>(target);
+}
+
+// Whether somebody has a file open and shares it with nobody.
+bool is_held(const std::string &path)
+{
+    HANDLE file = CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE,
+                              nullptr, OPEN_EXISTING, 0, nullptr);
+    DWORD code = GetLastError();
+    CloseHandle(file);
+    return file == INVALID_HANDLE_VALUE && code == ERROR_SHARING_VIOLATION;
 }
 
 void make_file(const std::string &path)
@@ -49,16 +54,13 @@ void make_file(const std::string &path)
 
 // --- start-up -----------------------------------------------------------------------------------
 
-DWORD WINAPI module_file_name(HMODULE, char *path, DWORD)
-{
-    strcpy(path, "C:\\velkora\\tools\\tool.exe");
-    return static_cast<DWORD>(strlen(path));
-}
-
 // Attaches and detaches a second copy of the library, which gets the imports of the first one.
 void start_up(const std::string &directory)
 {
-    let_through("GetModuleFileNameA", module_file_name);
+    auto installed = [](HMODULE, char *path, DWORD) {
+        return static_cast<DWORD>(sprintf(path, "C:\\velkora\\tools\\tool.exe"));
+    };
+    let_through("GetModuleFileNameA", +installed);
     char original[MAX_PATH];
     GetModuleFileNameA(support::thr_module(), original, sizeof original);
     std::string path = directory + "\\copy.dll";
@@ -80,7 +82,7 @@ void start_up(const std::string &directory)
         base + headers->OptionalHeader.AddressOfEntryPoint);
     if (result(entry(copy, DLL_PROCESS_ATTACH, nullptr))) {
         void *self = reinterpret_cast<void *>(GetProcAddress(copy, "thr_thread_self"));
-        result(reinterpret_cast<decltype(&thr_thread_self)>(self)() != nullptr);
+        must(reinterpret_cast<decltype(&thr_thread_self)>(self)(), "the main thread's id");
         entry(copy, DLL_PROCESS_DETACH, nullptr);
     }
     FreeLibrary(copy);
@@ -133,7 +135,7 @@ void threads(const std::string &)
     for (bool exits : {false, true}) {
         Worker waited(exits);
         SetEvent(waited.may_go_on);
-        must_or_report(thr_thread_wait(waited.id) == &waited, "the exit value");
+        must(thr_thread_wait(waited.id) == &waited || run.reports, "the exit value");
     }
     thr_thread_detach(Worker(false).id);
     thr_thread_terminate_and_possibly_crash(Worker(false).id);
@@ -143,7 +145,7 @@ void threads(const std::string &)
             must(thr_thread_var_get(&variable) == &variable, "the variable's value");
         result(thr_thread_var_destroy(&variable) == 0);
     }
-    must_or_report(thr_get_cpu_affinity_mask() != 0, "a processor");
+    must(thr_get_cpu_affinity_mask() != 0 || run.reports, "a processor");
     thr_set_thread_affinity_mask(~uintptr_t(0));
     thr_rename_thread("sweep");
 }
@@ -185,29 +187,14 @@ ROLE(sweep_child)
     return 7;
 }
 
-// A caller without a console has one made for each child, which takes its time.
-BOOL WINAPI console_mode(HANDLE, DWORD *)
-{
-    return TRUE;
-}
-
-// Says who was started: when the library ends its process, the child may be left.
-BOOL WINAPI create_process(LPCSTR program, LPSTR command, SECURITY_ATTRIBUTES *process_security,
-                           SECURITY_ATTRIBUTES *thread_security, BOOL inherits, DWORD flags,
-                           LPVOID variables, LPCSTR directory, STARTUPINFOA *startup,
-                           PROCESS_INFORMATION *process)
-{
-    BOOL is_started = CreateProcessA(program, command, process_security, thread_security, inherits,
-                                     flags, variables, directory, startup, process);
-    if (is_started)
-        support::say("started " + std::to_string(process->dwProcessId));
-    return is_started;
-}
-
 std::string prepared_command()
 {
-    let_through("GetConsoleMode", console_mode);
-    let_through("CreateProcessA", create_process);
+    // A caller without a console has one made for each child, which takes its time.
+    let_through(
+        "GetConsoleMode", +[](HANDLE, DWORD *) { return TRUE; });
+    // When the library ends its process, the child may be left.
+    let_through(
+        "GetProcessId", +[](HANDLE child) { return run.started = GetProcessId(child); });
     return support::role_command("sweep_child");
 }
 
@@ -348,14 +335,18 @@ void lock_files(const std::string &directory)
     result(thr_ip_mutex_is_good(relative));
     thr_ip_mutex_destroy(relative);
     std::string path = directory + "/db";
+    auto is_locked = [&](bool success) {
+        must(!result(success) || is_held(path + ".mtx.flock"), "a lock without its file");
+        return success;
+    };
     THR_IP_MUTEX_OBJ object(path.c_str());
     {
         THR_IP_SCOPED_MUTEX guard(&object);
-        result(guard.was_lock_successful());
+        is_locked(guard.was_lock_successful());
     }
     THR_IP_MUTEX mutex = thr_ip_mutex_create(path.c_str());
     result(thr_ip_mutex_is_good(mutex));
-    if (result(thr_ip_mutex_lock(mutex) == 1)) {
+    if (is_locked(thr_ip_mutex_lock(mutex) == 1)) {
         must(thr_ip_mutex_lock(mutex) == 1, "a second hold");
         thr_ip_mutex_unlock(mutex);
         must(!object.try_lock(), "no second holder");
@@ -364,12 +355,12 @@ void lock_files(const std::string &directory)
         next_holder = NOBODY;
         RemoveDirectoryA((path + ".mtx.flock").c_str()); // where its removal was refused
     }
-    if (result(thr_ip_mutex_try_lock(mutex) == 1)) {
+    if (is_locked(thr_ip_mutex_try_lock(mutex) == 1)) {
         next_holder = A_FILE;
         thr_ip_mutex_unlock(mutex);
         next_holder = NOBODY;
     }
-    result(thr_ip_mutex_try_lock(mutex) == 1);
+    is_locked(thr_ip_mutex_try_lock(mutex) == 1);
     thr_ip_mutex_destroy(mutex); // held
     must(!thr_is_pid_active(0xfffffff0), "no such process");
 }
@@ -377,14 +368,24 @@ void lock_files(const std::string &directory)
 void ip_semaphore(const std::string &directory)
 {
     std::string path = directory + "/db";
+    std::string own = path + "." + std::to_string(GetCurrentProcessId());
+    auto holds = [&](bool reads, bool writes) {
+        must(is_held(own + ".rdr.flock") == reads, "the reader's file");
+        must(is_held(own + ".wtr.flock") == writes, "the writer's file");
+        must(is_held(path + ".wri.mtx.flock") == writes, "the writers' lock");
+        must(!is_held(path + ".cri.mtx.flock"), "the atomic lock");
+    };
     try {
         THR_IP_READ_WRITE_SEMAPHORE semaphore(path.c_str());
-        if (result(semaphore.try_read_lock()))
+        bool reads = result(semaphore.try_read_lock());
+        holds(reads, false);
+        if (reads)
             semaphore.read_unlock();
         semaphore.write_lock();
+        holds(false, true);
         semaphore.write_unlock();
-        make_file(path + ".9.rdr.flock");   // its reader is gone
-        result(semaphore.try_write_lock()); // held when it goes
+        make_file(path + ".9.rdr.flock");                 // its reader is gone
+        holds(false, result(semaphore.try_write_lock())); // held when it goes
     } catch (const VELKORA_EXCEPTION &) {
         result(false);
     }
@@ -465,34 +466,17 @@ void pump(const std::string &)
 
 } // namespace
 
-// A quiet refusal is of a release or a step whose result nobody needs, of a step that is made again
-// in another way, or leaves an operation at the answer that it would have given anyway, as the wait
-// for a child that has ended by then.
 const std::vector<Scenario> scenarios = {
-    {"ip_semaphore", ip_semaphore, false,
-     "CloseHandle CreateFileW CreateMutexA DeleteFileW FindClose FindFirstFileW FindNextFileW "
-     "GetFileAttributesW ReleaseMutex WaitForSingleObject WideCharToMultiByte _close _fstat64 "
-     "_open_osfhandle"},
-    {"start_up", start_up, false,
-     "DisableThreadLibraryCalls GetModuleFileNameA GetModuleHandleA SetDllDirectoryA TlsFree "
-     "calloc"},
-    {"threads", threads, false, "AddVectoredExceptionHandler RemoveVectoredExceptionHandler"},
-    {"locks", locks, false, ""},
-    {"pipes", pipes, true,
-     "CloseHandle CreateProcessA GetConsoleMode GetProcessId GetStdHandle OpenJobObjectA "
-     "WaitForSingleObject"},
-    {"stopping", stopping, true,
-     "CloseHandle CreateProcessA DuplicateHandle GetConsoleMode GetProcessId GetStdHandle "
-     "OpenJobObjectA"},
-    {"running", running, true,
-     "CloseHandle CreatePipe CreateProcessA DuplicateHandle GetConsoleMode GetProcessId "
-     "GetStdHandle OpenJobObjectA WaitForSingleObject"},
-    {"environment", environment, false, ""},
-    {"loading", loading, false, "FreeLibrary GetModuleHandleA GetProcAddress LoadLibraryA"},
-    {"lock_files", lock_files, false,
-     "CloseHandle CreateFileW CreateMutexA DeleteFileW GetComputerNameExA GetFileAttributesW "
-     "MoveFileW OpenProcess ReleaseMutex RemoveDirectoryW WaitForSingleObject _close _time64"},
-    {"named_pipes", named_pipes, false,
-     "CloseHandle CreateFileA DisconnectNamedPipe FlushFileBuffers WaitNamedPipeA"},
-    {"pump", pump, false, "GetMessageA PeekMessageA WaitForSingleObject"},
+    {"ip_semaphore", ip_semaphore, false},
+    {"start_up", start_up, false},
+    {"threads", threads, false},
+    {"locks", locks, false},
+    {"pipes", pipes, true},
+    {"stopping", stopping, true},
+    {"running", running, true},
+    {"environment", environment, false},
+    {"loading", loading, false},
+    {"lock_files", lock_files, false},
+    {"named_pipes", named_pipes, false},
+    {"pump", pump, false},
 };

@@ -13,15 +13,17 @@ struct Run {
     volatile LONG traces;
     int failures;        // operations that gave their documented failure
     int stopped_threads; // whose records stay allocated
+    DWORD started;       // a process, the last one
     const char *fault;   // the first thing that must not be
 };
 extern Run run;
 
+void must(bool holds, const char *what);
+
 struct Scenario {
     const char *name;
     void (*act)(const std::string &directory); // an empty one
-    bool is_slow;      // it has to pass again only after the last refusal of an import
-    const char *quiet; // imports of which a refusal may show nowhere
+    bool is_slow; // it has to pass again only after the last refusal of an import
 };
 extern const std::vector<Scenario> scenarios;
 

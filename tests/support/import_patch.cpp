@@ -15,6 +15,12 @@ template <class T> T *at(HMODULE module, ULONGLONG offset)
     return reinterpret_cast<T *>(reinterpret_cast<char *>(module) + offset);
 }
 
+const IMAGE_DATA_DIRECTORY &directory_of(HMODULE module, int number)
+{
+    auto *dos = at<IMAGE_DOS_HEADER>(module, 0);
+    return at<IMAGE_NT_HEADERS64>(module, dos->e_lfanew)->OptionalHeader.DataDirectory[number];
+}
+
 void write_slot(void **slot, void *value)
 {
     DWORD protection = 0;
@@ -66,11 +72,20 @@ HMODULE thr_module()
     return module;
 }
 
+std::vector<std::string> exports_of(HMODULE module)
+{
+    auto *exports = at<IMAGE_EXPORT_DIRECTORY>(
+        module, directory_of(module, IMAGE_DIRECTORY_ENTRY_EXPORT).VirtualAddress);
+    auto *names = at<DWORD>(module, exports->AddressOfNames);
+    std::vector<std::string> result;
+    for (DWORD i = 0; i < exports->NumberOfNames; ++i)
+        result.push_back(at<const char>(module, names[i]));
+    return result;
+}
+
 std::vector<Import> imports_of(HMODULE module)
 {
-    auto *dos = at<IMAGE_DOS_HEADER>(module, 0);
-    auto *headers = at<IMAGE_NT_HEADERS64>(module, dos->e_lfanew);
-    auto &directory = headers->OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_IMPORT];
+    auto &directory = directory_of(module, IMAGE_DIRECTORY_ENTRY_IMPORT);
     std::vector<Import> imports;
     auto *descriptor = at<IMAGE_IMPORT_DESCRIPTOR>(module, directory.VirtualAddress);
     for (; directory.VirtualAddress && descriptor->Name; ++descriptor) {

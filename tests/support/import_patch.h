@@ -26,6 +26,9 @@ struct Import {
 // Every import of a loaded module, in the order of its import directory.
 std::vector<Import> imports_of(HMODULE module);
 
+// The names that a loaded module exports, in their order.
+std::vector<std::string> exports_of(HMODULE module);
+
 // Replaces the import `function` of `module` until it goes out of scope. It works on every thread,
 // so patch before the module is busy. A test program's own calls are not touched when thr.dll is
 // patched; an internal test patches its own executable, GetModuleHandleA(nullptr), and then its own
