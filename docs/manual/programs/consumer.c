@@ -65,9 +65,14 @@ static void *square(void *number)
     return (void *)(value * value);
 }
 
+/* Once in the life of the process: a second time would be an internal error. */
+static void prepare_threads(void)
+{
+    thr_thread_set_next_wrapper_func(count_threads, &next_wrapper);
+}
+
 static intptr_t square_on_a_thread(intptr_t number)
 {
-    thr_thread_set_next_wrapper_func(count_threads, &next_wrapper); /* once, before any thread */
     THR_THREAD_ID thread = thr_thread_create(square, (void *)number, 0);
     return (intptr_t)thr_thread_wait(thread); /* and the id is gone */
 }
@@ -75,6 +80,12 @@ static intptr_t square_on_a_thread(intptr_t number)
 
 //! [thread_variables]
 static THR_THREAD_VAR scratch; /* every thread has its own buffer in it */
+
+/* First of all: until then the variable is a slot of somebody else's. */
+static int prepare_scratch(void)
+{
+    return thr_thread_var_init(&scratch) == 0;
+}
 
 static char *scratch_buffer(void)
 {
@@ -143,22 +154,24 @@ static int wait_for_another_thread(void)
 //! [event]
 
 //! [processes]
-/* Sends a text through a child process, and gives back its exit code, or -1. */
+/* Sends a text through a child process, and gives back its exit code, or -1. All three streams are
+   redirected: one that is left alone is whatever this process was started with. */
 static int filter(char *command, const char *text, char *result, uint32_t size)
 {
     void *from_child = NULL, *to_child = NULL, *job = NULL;
-    void *child =
-        thr_process_create_and_save_job(command, NULL, &from_child, NULL, &to_child, NULL, &job);
+    void *child = thr_process_create_and_save_job(command, NULL, &from_child, &from_child,
+                                                  &to_child, NULL, &job);
     thr_process_status status = {0, -1};
+    if (size > 0)
+        *result = '\0';
     if (child && to_child && from_child) {
         uint32_t length = 0, count = 0;
         thr_process_write(to_child, text, (uint32_t)strlen(text), NULL);
         thr_process_close_pipe(to_child); /* the end of the child's input */
         to_child = NULL;
-        while (length < size - 1 &&
+        while (length + 1 < size &&
                thr_process_read(from_child, result + length, size - 1 - length, &count) == 0)
-            length += count; /* until 109: the child has closed its output */
-        result[length] = '\0';
+            result[length += count] = '\0'; /* until 109: the child has closed its output */
     }
     if (to_child)
         thr_process_close_pipe(to_child);
@@ -198,12 +211,15 @@ static void prepare_environment_of_children(void)
 //! [environment]
 
 //! [interprocess]
-/* Appends a line to a file that several processes write to. Its folder must exist. */
+/* Appends a line to a file that several processes write to. Its folder must exist. A lock can be
+   refused for an instant, while its file is just being deleted: it is asked for again. */
 static int append_line(const char *path, const char *line)
 {
     THR_IP_MUTEX lock = thr_ip_mutex_create(path); /* makes path.mtx.flock its lock file */
-    int done = 0;
-    if (thr_ip_mutex_lock(lock)) {
+    int done = 0, taken = 0;
+    for (int tries = 0; tries < 50 && !taken; tries++)
+        taken = thr_ip_mutex_lock(lock);
+    if (taken) {
         FILE *file = fopen(path, "a");
         if (file) {
             done = fprintf(file, "%s\n", line) > 0;
@@ -217,11 +233,13 @@ static int append_line(const char *path, const char *line)
 //! [interprocess]
 
 //! [pump]
-/* Handles window messages until there are none left. Returns whether we were asked to stop; the
-   exit event shows when the pump takes a message. */
+/* Handles window messages until there are none left. Returns whether we were asked to stop: by the
+   exit event, which shows when the pump takes a message, or by a quit message, which it leaves. */
 static int handle_messages(void)
 {
-    return thr_win32_pump_messages(0) == thr_win32_pump_exit_retcode;
+    MSG quit;
+    int is_exit = thr_win32_pump_messages(0) == thr_win32_pump_exit_retcode;
+    return is_exit || PeekMessageA(&quit, NULL, WM_QUIT, WM_QUIT, PM_REMOVE);
 }
 //! [pump]
 
@@ -235,6 +253,7 @@ static void check_reports(void)
 
 static void check_threads(void)
 {
+    prepare_threads();
     CHECK(square_on_a_thread(7) == 49);
     CHECK(threads_seen == 1);
     CHECK(count_with_two_threads() == 2000);
@@ -242,7 +261,7 @@ static void check_threads(void)
     CHECK(wait_for_another_thread() == 1);
     CHECK(thr_thread_self() == THR_THREAD_MAIN_ID);
 
-    CHECK(thr_thread_var_init(&scratch) == 0);
+    CHECK(prepare_scratch());
     THR_THREAD_ID other = thr_thread_create(use_scratch, scratch_buffer(), 0);
     CHECK(thr_thread_wait(other));
     free(scratch_buffer());
@@ -304,6 +323,8 @@ static void check_pump(void)
     thr_win32_post_pump_exit_event();
     CHECK(PostThreadMessageA(GetCurrentThreadId(), message, 0, 0));
     CHECK(handle_messages() == 1);
+    thr_process_exit((thr_process_status){0, 0});
+    CHECK(handle_messages() == 1 && handle_messages() == 0);
 }
 
 /* What the children of the checks do. */

@@ -173,8 +173,9 @@ void check_interprocess()
 }
 
 //! [named_pipe]
-// The client: prints every message of the pipe of that name until the server removes it.
-int print_messages(const char *name)
+// The client: prints what comes through the pipe of that name until the server removes it. It gets
+// bytes: what a read brings need not begin or end where a message does.
+int print_all(const char *name)
 {
     THR_NAMED_PIPE pipe(name);
     if (!pipe.open())
@@ -182,7 +183,7 @@ int print_messages(const char *name)
     char message[512];
     int size;
     while ((size = pipe.read(message, sizeof message)) >= 0)
-        printf("%.*s\n", size, message);
+        fwrite(message, 1, size, stdout);
     int code = pipe.get_error(); // 109 or 233: the server has gone
     pipe.close();
     return code;
@@ -198,7 +199,7 @@ bool send(THR_NAMED_PIPE *pipe, const std::string &message)
 
 void *run_client(void *name)
 {
-    return reinterpret_cast<void *>(intptr_t{print_messages(static_cast<const char *>(name))});
+    return reinterpret_cast<void *>(intptr_t{print_all(static_cast<const char *>(name))});
 }
 
 void check_pipe()
@@ -207,7 +208,7 @@ void check_pipe()
     CHECK(pipe.create());
     std::string name = pipe.get_name();
     THR_THREAD_ID client = thr_thread_create(run_client, &name[0], 0);
-    CHECK(send(&pipe, "consumer.cpp: a message through a pipe"));
+    CHECK(send(&pipe, "consumer.cpp: a message through a pipe\n"));
     auto code = reinterpret_cast<intptr_t>(thr_thread_wait(client));
     CHECK(code == ERROR_BROKEN_PIPE || code == ERROR_PIPE_NOT_CONNECTED);
 }

@@ -1,5 +1,5 @@
-/* On thr.lib alone, as a toolchain uses it that knows nothing of MinGW: no C runtime, no headers but
-   the library's and the compiler's. Ends with exit code 42. */
+/* On thr.lib alone, as a toolchain uses it that knows nothing of MinGW: no C runtime, no headers
+   but the library's and the compiler's. Ends with exit code 42. */
 #include "thr/thr.h"
 
 __declspec(dllimport) void ExitProcess(unsigned code);
