@@ -3,7 +3,8 @@
 #
 # Installs the release build into build/consumers/thr and checks what a user gets: every public
 # header by itself with two compilers, programs in C and C++ and the examples built against the
-# installed files alone and run under Wine. Installing makes the manual, with warnings as errors.
+# installed files alone and run under Wine, and what they print. Installing makes the manual, with
+# warnings as errors.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
@@ -114,17 +115,66 @@ build()
         { cat "$2.log" && die "building $1 against the package failed, see above"; }
 }
 
-# run_program STATUS PROGRAM [ARGUMENT...]: with the package's folder of DLLs on its path. Its output goes
-# to a file: what Wine starts beside it may hold that open.
+# run_program STATUS PROGRAM [ARGUMENT...]: with the package's folder of DLLs on its path. It reads the
+# file $input, if one is set. Its output goes to a file: what Wine starts beside it may hold that open.
 run_program()
 {
     local expected=$1 log=$2.log status=0
     shift
-    WINEPATH="Z:${prefix//\//\\}\\bin" timeout -k 10 120 "$wine" "$@" </dev/null \
-        >"$log" 2>&1 || status=$?
+    timeout -k 10 120 "$wine" "$@" <"${input:-/dev/null}" >"$log" 2>&1 || status=$?
     [ $status -eq "$expected" ] ||
-        { tr -d '\r' <"$log" >&2 && die "$(basename "$1") ended with status $status"; }
+        { tr -d '\r' <"$log" >&2 && die "$(basename "$1") ended with status $status, not $expected"; }
     tr -d '\r' <"$log"
+}
+
+# expect PATTERN EXAMPLE [ARGUMENT...]: the example ends well, and the pattern is all that it prints.
+expect()
+{
+    local pattern=$1 example=$2 output
+    shift 2
+    output=$(run_program 0 "$work/examples/bin/$example.exe" "$@")
+    [[ $output == $pattern ]] ||
+        { printf '%s\n' "$output" >&2 && die "$example printed that, not: $pattern"; }
+}
+
+run_examples()
+{
+    local folder=$work/run dos_folder tail="all in order and none missing; no lock file left*" i
+    dos_folder=Z:${folder//\//\\}
+    mkdir -p "$folder"
+    expect "*total: 60 entries acknowledged, 0 more written, 0 torn *audit: 60 entries, 0 *, $tail" \
+        ledger "$dos_folder\\ledger.db" --workers 3 --entries 20 --kill 0 --readers 2
+    touch "$folder/ö.db.mtx.flock" # left over: whoever takes this lock removes it
+    expect "*; 1 workers killed, *audit: *, $tail" \
+        ledger "$dos_folder\\ö.db" --workers 3 --entries 20 --kill 1
+    expect "*worker 2: 10 deposits of 2220 in all, 30 audits, *
+the table holds 3440, the workers brought 3440, 0 audits failed: right" \
+        worker_pool --workers 2 --rounds 40
+    expect "plugin_words: 4 words
+plugin_palindrome: a palindrome" plugin_host plugin_words plugin_palindrome
+    { seq 200 && printf 'a\x1ab\n\n%0600d\nno newline' 0; } >"$folder/lines"
+    input=$folder/lines expect "$(awk '{ printf "%4d  %s\n", NR, $0 }' "$folder/lines")" pipe_feed
+    touch "$folder/left.mtx.flock"
+    expect "left over  mutex *left.mtx.flock?" lock_status "$dos_folder\\left"
+    hold_lock "$dos_folder\\ledger.db"
+    for ((i = 0; i < 300; i++)); do
+        [ ! -e "$folder/ledger.db.mtx.flock" ] || break
+        sleep 0.1
+    done
+    expect "held  *mutex *ledger.db.mtx.flock?" lock_status "$dos_folder\\ledger.db"
+    kill $!
+}
+
+# hold_lock FILE: starts a worker of the ledger that stays under the lock for a while: there is no
+# room for what it says.
+hold_lock()
+{
+    mkfifo "$work/full"
+    exec 8<>"$work/full"
+    timeout 0.3 cat /dev/zero >&8 || true
+    LEDGER_FILE=$1 timeout -k 5 60 "$wine" "$work/examples/bin/ledger.exe" --worker 1 1 0 0 \
+        </dev/null >&8 2>&1 &
+    exec 8>&-
 }
 
 build_programs()
@@ -148,6 +198,7 @@ run_programs()
     local example program
     say "running them"
     use_prefix "$root/build/wine"
+    export WINEPATH="Z:${prefix//\//\\}\\bin"
     run_program 0 "$work/programs/consumer_c.exe" | tail -n 1
     run_program 0 "$work/consumer_thr_lib.exe" | tail -n 1
     run_program 0 "$work/programs/consumer_cpp.exe" | tail -n 1
@@ -160,6 +211,7 @@ run_programs()
         [ "$(wc -l <"$work/help.txt")" -eq 1 ] ||
             die "$(basename "$program") does not tell in one line that its arguments are wrong"
     done
+    run_examples
 }
 
 check_package()

@@ -7,12 +7,18 @@
 namespace
 {
 
-// No argument ends in a backslash, which would spoil the quoting: such a path would be a folder's.
 std::string worker_arguments(uint32_t number, const Options &options)
 {
     return std::string(WORKER_ARGUMENT) + " " + std::to_string(number) + " " +
            std::to_string(options.entries) + " " + std::to_string(options.seed + number) + " " +
-           std::to_string(options.readers) + " \"" + options.file + "\"";
+           std::to_string(options.readers);
+}
+
+std::string failure(const std::string &complaint, int exit_code)
+{
+    if (!complaint.empty())
+        return "failed: " + complaint;
+    return "failed: ended early with exit code " + std::to_string(exit_code);
 }
 
 } // namespace
@@ -21,12 +27,10 @@ std::string worker_arguments(uint32_t number, const Options &options)
 
 Worker::Worker(uint32_t number, const Strike &strike) : m_number(number), m_strike(strike) {}
 
-bool Worker::start(const Options &options)
+void Worker::start(const Options &options)
 {
-    bool is_started = m_peer.start(worker_arguments(m_number, options));
-    if (!is_started)
+    if (!m_peer.start(worker_arguments(m_number, options)))
         m_complaint = "could not be started";
-    return is_started;
 }
 
 bool Worker::poll()
@@ -46,6 +50,7 @@ void Worker::take_line(const std::string &line)
 {
     if (line == "lock") {
         m_holds_lock = true;
+        m_lock_time = Clock::now();
         if (m_entries.size() + 1 == m_strike.entry) {
             m_is_strike_set = true;
             m_strike_time = Clock::now() + std::chrono::milliseconds(m_strike.delay);
@@ -87,21 +92,15 @@ std::string Worker::how_it_ended() const
 {
     if (m_was_killed)
         return m_holds_lock ? "killed, lock held" : "killed";
-    if (is_fine())
-        return "done";
-    if (!m_complaint.empty())
-        return "failed: " + m_complaint;
-    return "failed: ended early with exit code " + std::to_string(m_peer.exit_code());
+    return is_fine() ? "done" : failure(m_complaint, m_peer.exit_code());
 }
 
 // --- readers ------------------------------------------------------------------------------------
 
-bool Reader::start(const Options &options)
+void Reader::start()
 {
-    bool is_started = m_peer.start(std::string(READER_ARGUMENT) + " \"" + options.file + "\"");
-    if (!is_started)
+    if (!m_peer.start(READER_ARGUMENT))
         m_complaint = "could not be started";
-    return is_started;
 }
 
 bool Reader::poll()
@@ -121,19 +120,18 @@ bool Reader::poll()
 void Reader::stop()
 {
     m_peer.release();
-    while (m_peer.is_running()) {
+    Clock::time_point end = Clock::now() + LONGEST_SILENCE;
+    while (m_peer.is_running() && Clock::now() < end) {
         if (!poll())
             thr_msleep(1);
     }
+    if (m_peer.is_running())
+        m_complaint = "waits for the lock, or for something else";
 }
 
 std::string Reader::how_it_ended() const
 {
-    if (is_fine())
-        return "done";
-    if (!m_complaint.empty())
-        return "failed: " + m_complaint;
-    return "failed: ended early with exit code " + std::to_string(m_peer.exit_code());
+    return is_fine() ? "done" : failure(m_complaint, m_peer.exit_code());
 }
 
 // --- the crew -----------------------------------------------------------------------------------
@@ -160,6 +158,6 @@ void start_readers(const Options &options, std::deque<Reader> *readers)
 {
     for (uint32_t i = 0; i < options.readers; i++) {
         readers->emplace_back();
-        readers->back().start(options);
+        readers->back().start();
     }
 }

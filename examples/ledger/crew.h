@@ -13,6 +13,9 @@
 
 using Clock = std::chrono::steady_clock;
 
+// After this time without a word a run is given up.
+const std::chrono::seconds LONGEST_SILENCE(60);
+
 // When the host ends a worker: some milliseconds after it has taken the lock for that entry of
 // its own (counted from 1).
 struct Strike {
@@ -25,8 +28,7 @@ class Worker
 public:
     Worker(uint32_t number, const Strike &strike);
 
-    // Starts the process; false when it can't be started.
-    bool start(const Options &options);
+    void start(const Options &options);
 
     // Takes in what the worker has said, strikes when it is time, and notices its end. Never
     // waits for long; returns whether there was anything to do.
@@ -39,6 +41,8 @@ public:
     bool is_fine() const { return m_was_killed || (m_is_done && m_peer.exit_code() == 0); }
     bool was_killed() const { return m_was_killed; }
     bool ended_with_lock() const { return m_holds_lock; }
+    // When it told last that it had taken the lock.
+    Clock::time_point lock_time() const { return m_lock_time; }
     std::string how_it_ended() const;
 
     uint32_t number() const { return m_number; }
@@ -62,18 +66,18 @@ private:
     bool m_was_killed = false;
     bool m_is_strike_set = false;
     Clock::time_point m_strike_time;
+    Clock::time_point m_lock_time;
 };
 
 class Reader
 {
 public:
-    // Starts the process; false when it can't be started.
-    bool start(const Options &options);
+    void start();
 
     // Takes in what the reader has said; returns whether there was anything.
     bool poll();
 
-    // Lets the reader leave and waits until it has.
+    // Lets the reader leave and waits until it has, as long as a run may be silent.
     void stop();
 
     // Every audit of its own held, and it ended well.

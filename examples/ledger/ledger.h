@@ -9,7 +9,7 @@
 
 // A run, as the command line orders it.
 struct Options {
-    std::string file;
+    std::string file; // its full path, in UTF-8
     uint32_t workers = 6;
     uint32_t entries = 200;
     uint32_t kill = 2;
@@ -18,7 +18,7 @@ struct Options {
 };
 
 // A worker is this program with the arguments WORKER_ARGUMENT, its number from 1, the number of
-// entries, a seed, the number of readers and the file. It tells its host, a line each:
+// entries, a seed and the number of readers. It tells its host, a line each:
 //
 //     lock                  it has taken the lock
 //     cut BYTES             it has cut a torn entry off
@@ -30,12 +30,16 @@ struct Options {
 // "lock" or "cut" therefore ended with the lock held.
 const char WORKER_ARGUMENT[] = "--worker";
 
-// A reader is this program with the arguments READER_ARGUMENT and the file. It audits the ledger
+// A reader is this program with the argument READER_ARGUMENT. It audits the ledger
 // again and again under the read lock until its standard input is closed, and tells, a line each:
 //
 //     audit COUNT           the ledger's entries, all in order
 //     anything else         what went wrong
 const char READER_ARGUMENT[] = "--reader";
+
+// Both get the file in this variable of their environment, which is wide: a command line goes
+// through the ANSI code page.
+const wchar_t FILE_VARIABLE[] = L"LEDGER_FILE";
 
 // The exit code of a worker that the host ended.
 const int KILLED_EXIT_CODE = 99;
@@ -56,5 +60,22 @@ inline THR_IP_SCOPED_MUTEX lock_ledger(THR_IP_MUTEX_OBJ *mutex)
         guard = THR_IP_SCOPED_MUTEX(mutex);
     return guard;
 }
+
+// Guards for the semaphore, of which the library has none.
+using Semaphore = THR_IP_READ_WRITE_SEMAPHORE;
+
+struct ReadGuard {
+    explicit ReadGuard(Semaphore *semaphore) : m_semaphore(semaphore) { semaphore->read_lock(); }
+    ReadGuard(const ReadGuard &) = delete;
+    ~ReadGuard() { m_semaphore->read_unlock(); }
+    Semaphore *m_semaphore;
+};
+
+struct WriteGuard {
+    explicit WriteGuard(Semaphore *semaphore) : m_semaphore(semaphore) { semaphore->write_lock(); }
+    WriteGuard(const WriteGuard &) = delete;
+    ~WriteGuard() { m_semaphore->write_unlock(); }
+    Semaphore *m_semaphore;
+};
 
 #endif

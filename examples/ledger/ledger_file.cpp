@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstring>
+#include <filesystem>
 
 namespace
 {
@@ -53,22 +54,22 @@ std::string system_text(DWORD code)
 
 LedgerFile::LedgerFile(const std::string &path, Mode mode) : m_path(path)
 {
-    HANDLE file =
-        CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
-                    nullptr, mode == OPEN ? OPEN_EXISTING : OPEN_ALWAYS, 0, nullptr);
+    HANDLE file = CreateFileW(std::filesystem::u8path(path).c_str(), GENERIC_READ | GENERIC_WRITE,
+                              FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                              mode == OPEN ? OPEN_EXISTING : OPEN_ALWAYS, 0, nullptr);
     if (file == INVALID_HANDLE_VALUE)
         fail("open");
-    bool is_new = mode == OPEN_OR_CREATE && GetLastError() != ERROR_ALREADY_EXISTS;
     m_file.reset(file);
-    if (is_new) {
-        write(HEADER, sizeof HEADER);
-        return;
-    }
     char header[sizeof HEADER] = {};
-    if (size() >= sizeof header)
-        read(header, sizeof header);
-    if (memcmp(header, HEADER, sizeof header) != 0)
+    uint32_t there = static_cast<uint32_t>(std::min<uint64_t>(size(), sizeof header));
+    read(header, there);
+    bool is_torn = there < sizeof header; // a new file, or one whose maker ended in between
+    if (memcmp(header, HEADER, there) != 0 || (is_torn && mode == OPEN))
         throw LedgerError(path + " is no ledger");
+    if (is_torn) {
+        seek(0);
+        write(HEADER, sizeof HEADER);
+    }
 }
 
 uint32_t LedgerFile::cut_torn_entry()

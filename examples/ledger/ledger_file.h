@@ -41,7 +41,7 @@ class LedgerFile
 public:
     enum Mode { OPEN, OPEN_OR_CREATE };
 
-    // Opens a ledger, and changes nothing in a file that is none.
+    // Opens the ledger of a full path, and changes nothing in a file that is none.
     LedgerFile(const std::string &path, Mode mode);
 
     // Cuts off what an ended writer left of its last entry; returns how many bytes that was.
@@ -52,6 +52,9 @@ public:
     // out: it would lengthen the time under the lock).
     Entry append(uint32_t process_id, uint32_t worker);
 
+    // In bytes, a torn last entry included.
+    uint64_t size();
+
     // Reads every entry from the first byte on and checks numbers and seals; a torn last entry
     // does not count.
     std::vector<Entry> audit();
@@ -61,7 +64,6 @@ private:
         void operator()(HANDLE file) const { CloseHandle(file); }
     };
 
-    uint64_t size();
     void seek(uint64_t offset);
     void read(void *buffer, uint32_t size);
     void write(const void *bytes, uint32_t size);

@@ -4,9 +4,15 @@
 #include "ledger.h"
 #include "ledger_file.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <filesystem>
+#include <map>
+
+#include <windows.h>
+
+#include <shellapi.h>
 
 namespace
 {
@@ -17,14 +23,16 @@ const char HELP[] =
     "\n"
     "Starts N worker processes that append M entries each to the ledger FILE, which is\n"
     "created or continued. They take turns by an interprocess lock on FILE. K of them are\n"
-    "terminated at random moments. In the end every entry is audited.\n"
+    "terminated at random moments. In the end every entry is audited. A run in which\n"
+    "nothing is written for a minute is given up.\n"
     "\n"
     "  --workers N   1 to 64 (6)\n"
     "  --entries M   entries of each worker, 1 to 1000000 (200)\n"
     "  --kill K      at most N (2, or N - 1 if that is less)\n"
     "  --readers R   0 to 16 (0); with any, processes audit the ledger again and again under the\n"
     "                read lock of a semaphore, under whose write lock the workers then append;\n"
-    "                runs that share a FILE must all have readers or all have none\n"
+    "                runs that share a FILE must all have readers or all have none,\n"
+    "                and no other FILE may be in its folder\n"
     "  --seed S      picks the workers to be terminated and their moments; the same seed picks\n"
     "                the same (default: another one each time)\n"
     "\n"
@@ -37,35 +45,39 @@ struct UsageError : std::runtime_error {
 
 // --- arguments ----------------------------------------------------------------------------------
 
-uint32_t parse_number(const std::string &name, const char *text, uint32_t least, uint32_t most)
+uint32_t parse_number(const std::string &name, const std::string &text, uint32_t least,
+                      uint32_t most)
 {
     char *end = nullptr;
-    unsigned long long value = text ? strtoull(text, &end, 10) : 0;
-    bool is_number = text && *text >= '0' && *text <= '9' && *end == '\0';
+    unsigned long long value = strtoull(text.c_str(), &end, 10);
+    bool is_number = text[0] >= '0' && text[0] <= '9' && *end == '\0';
     if (!is_number || value < least || value > most)
         throw UsageError(name + " takes a number from " + std::to_string(least) + " to " +
                          std::to_string(most));
     return static_cast<uint32_t>(value);
 }
 
-Options parse_options(char **args)
+Options parse_options(const std::vector<std::string> &args)
 {
     Options options;
     options.seed = thr_get_tick_count() ^ static_cast<uint32_t>(thr_getpid());
     bool is_kill_given = false;
-    for (; *args; args++) {
-        std::string arg = *args;
+    for (size_t i = 0; i < args.size(); i++) {
+        const std::string &arg = args[i];
+        auto number = [&](uint32_t least, uint32_t most) {
+            return parse_number(arg, ++i < args.size() ? args[i] : "", least, most);
+        };
         if (arg == "--workers") {
-            options.workers = parse_number(arg, *++args, 1, 64);
+            options.workers = number(1, 64);
         } else if (arg == "--entries") {
-            options.entries = parse_number(arg, *++args, 1, 1000000);
+            options.entries = number(1, 1000000);
         } else if (arg == "--kill") {
-            options.kill = parse_number(arg, *++args, 0, 64);
+            options.kill = number(0, 64);
             is_kill_given = true;
         } else if (arg == "--readers") {
-            options.readers = parse_number(arg, *++args, 0, 16);
+            options.readers = number(0, 16);
         } else if (arg == "--seed") {
-            options.seed = parse_number(arg, *++args, 0, UINT32_MAX);
+            options.seed = number(0, UINT32_MAX);
         } else if (arg[0] == '-') {
             throw UsageError("there is no option " + arg);
         } else if (!options.file.empty() || arg.empty()) {
@@ -81,6 +93,41 @@ Options parse_options(char **args)
     if (options.kill > options.workers)
         throw UsageError("--kill is more than --workers");
     return options;
+}
+
+// The arguments in UTF-8, as the library takes paths. Those of main() have lost what the ANSI code
+// page can't spell.
+std::vector<std::string> take_arguments()
+{
+    int count = 0;
+    wchar_t **wide = CommandLineToArgvW(GetCommandLineW(), &count);
+    std::vector<std::string> args;
+    for (int i = 1; i < count; i++)
+        args.push_back(std::filesystem::path(wide[i]).u8string());
+    LocalFree(wide);
+    return args;
+}
+
+// The full form of the path, which is the same file and the same lock for everybody. The library
+// has no lock for a file in a drive's root, and compares its folder's name in UTF-8 with that in
+// the ANSI code page; a semaphore's file, too.
+std::string lockable_path(const Options &options)
+{
+    const DWORD LONGEST = 220; // the lock files' names are longer
+    wchar_t full[LONGEST] = L"";
+    std::filesystem::path given = std::filesystem::u8path(options.file);
+    DWORD length = GetFullPathNameW(given.c_str(), LONGEST, full, nullptr);
+    std::filesystem::path path(length < LONGEST ? full : L"");
+    std::filesystem::path folder = path.parent_path();
+    const std::filesystem::path &compared = options.readers > 0 ? path : folder;
+    bool is_plain = GetACP() == CP_UTF8 || compared.u8string().size() == compared.native().size();
+    if (folder.native().size() <= 3 || folder.native()[1] != L':' || !is_plain)
+        throw LedgerError("can't lock " + options.file +
+                          ": it must be in a folder of a drive, and the folder's path short and "
+                          "plain ASCII; with readers the file's name, too");
+    if (!std::filesystem::is_directory(folder))
+        throw LedgerError("can't lock " + options.file + ": its folder is missing");
+    return path.u8string();
 }
 
 // --- the work -----------------------------------------------------------------------------------
@@ -111,10 +158,31 @@ void show_progress(const Options &options, const std::deque<Worker> &crew)
     fflush(stdout);
 }
 
+// Ends the run when no worker has taken the lock for too long.
+void check_progress(const std::deque<Worker> &crew, Clock::time_point start)
+{
+    std::string event = "the run began";
+    for (const Worker &worker : crew) {
+        if (worker.lock_time() > start) {
+            start = worker.lock_time();
+            event = "worker " + std::to_string(worker.number()) + ", process " +
+                    std::to_string(worker.process_id()) + ", took the lock";
+        }
+    }
+    auto silence = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start);
+    if (silence <= LONGEST_SILENCE)
+        return;
+    printf("\n"); // what goes wrong does not go on the line of the progress
+    fflush(stdout);
+    throw LedgerError("nothing has happened for " + std::to_string(silence.count()) + " s, since " +
+                      event);
+}
+
 // Listens to the workers until all have ended.
 void watch(const Options &options, std::deque<Worker> *crew, std::deque<Reader> *readers)
 {
-    Clock::time_point next_progress = Clock::now();
+    const Clock::time_point start = Clock::now();
+    Clock::time_point next_progress = start;
     for (;;) {
         bool is_running = false;
         bool is_idle = true;
@@ -131,6 +199,7 @@ void watch(const Options &options, std::deque<Worker> *crew, std::deque<Reader> 
         }
         if (!is_running)
             break;
+        check_progress(*crew, start);
         thr_msleep(is_idle ? 1 : 0);
     }
     for (Reader &reader : *readers)
@@ -145,20 +214,29 @@ struct Audit {
     uint32_t cuts = 0;
 };
 
-// Opens the ledger under its lock and checks all of it. At the end of a run nobody else is left to
-// cut off a last entry that is torn.
-Audit audit_file(const std::string &file, LedgerFile::Mode mode, bool is_cutting)
+// With the lock held. At the end of a run nobody else is left to cut off a last entry that is torn.
+Audit audit_locked(const std::string &file, LedgerFile::Mode mode)
 {
-    THR_IP_MUTEX_OBJ mutex(file.c_str());
-    THR_IP_SCOPED_MUTEX guard = lock_ledger(&mutex);
-    if (!guard.was_lock_successful())
-        throw LedgerError("can't lock " + file + ": its folder is missing or not writable");
     LedgerFile ledger(file, mode);
     Audit audit;
-    if (is_cutting && ledger.cut_torn_entry() > 0)
+    if (mode == LedgerFile::OPEN && ledger.cut_torn_entry() > 0)
         audit.cuts = 1;
     audit.entries = ledger.audit();
     return audit;
+}
+
+// Opens the ledger under its lock and checks all of it. Another run may have workers at it.
+Audit audit_file(const Options &options, LedgerFile::Mode mode)
+{
+    THR_IP_MUTEX_OBJ mutex(options.file.c_str());
+    Semaphore semaphore(options.file.c_str());
+    Clock::time_point end = Clock::now() + LONGEST_SILENCE;
+    while (!mutex.try_lock() || (options.readers > 0 && !semaphore.try_write_lock())) {
+        if (Clock::now() > end)
+            throw LedgerError("can't lock " + options.file + ": somebody has held it for a minute");
+        thr_msleep(10);
+    }
+    return audit_locked(options.file, mode); // the two let go of what they hold
 }
 
 bool is_same(const Entry &a, const Entry &b)
@@ -167,19 +245,45 @@ bool is_same(const Entry &a, const Entry &b)
            a.seal == b.seal;
 }
 
+// Each of them is there, and was acknowledged once: in the order of the file.
 void check_kept(const std::vector<Entry> &kept, const std::vector<Entry> &entries, const char *what)
 {
+    uint64_t last = 0;
     for (const Entry &entry : kept) {
-        if (entry.number < 1 || entry.number > entries.size() ||
+        if (entry.number <= last || entry.number > entries.size() ||
             !is_same(entry, entries[entry.number - 1]))
-            throw LedgerError(what + std::to_string(entry.number) + " is not in the ledger");
+            throw LedgerError(what + std::to_string(entry.number) +
+                              " is not in the ledger, or not once");
+        last = entry.number;
+    }
+}
+
+// Nothing but what the workers acknowledged was written; one that did not come to its end may have
+// written one entry more.
+void check_counts(const Options &options, const std::deque<Worker> &crew,
+                  const std::vector<Entry> &entries, uint32_t old_count)
+{
+    std::map<std::pair<uint32_t, uint32_t>, uint32_t> written;
+    for (size_t i = old_count; i < entries.size(); i++)
+        written[{entries[i].process_id, entries[i].worker}]++;
+    for (const Worker &worker : crew) {
+        uint32_t count = written[{worker.process_id(), worker.number()}];
+        uint32_t acknowledged = count_of(worker.entries());
+        bool is_whole = worker.is_fine() && !worker.was_killed();
+        if (count < acknowledged || count > acknowledged + !is_whole ||
+            (is_whole && count != options.entries))
+            throw LedgerError("the audit fails: worker " + std::to_string(worker.number()) +
+                              " has " + std::to_string(count) + " entries in the ledger, of " +
+                              std::to_string(options.entries) + " ordered and " +
+                              std::to_string(acknowledged) + " acknowledged");
     }
 }
 
 // Another run on the same file may hold the lock just now, so one sight of the file proves nothing.
 void check_no_lock_file(const std::string &lock_file)
 {
-    for (int tries = 0; GetFileAttributesA(lock_file.c_str()) != INVALID_FILE_ATTRIBUTES; tries++) {
+    std::filesystem::path path = std::filesystem::u8path(lock_file);
+    for (int tries = 0; GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES; tries++) {
         if (tries == 100)
             throw LedgerError(lock_file + " is left over");
         thr_msleep(10);
@@ -242,22 +346,24 @@ void print_totals(const std::deque<Worker> &crew, const Audit &audit, uint32_t o
 int run_host(const Options &options)
 {
     Clock::time_point start = Clock::now();
-    Audit before = audit_file(options.file, LedgerFile::OPEN_OR_CREATE, false);
+    Audit before = audit_file(options, LedgerFile::OPEN_OR_CREATE);
     printf("%s: %u workers, %u entries each, %u to be killed, %u readers, seed %u\n",
            options.file.c_str(), options.workers, options.entries, options.kill, options.readers,
            options.seed);
     std::deque<Worker> crew;
     std::deque<Reader> readers;
+    SetEnvironmentVariableW(FILE_VARIABLE, std::filesystem::u8path(options.file).c_str());
     start_readers(options, &readers);
     start_crew(options, &crew);
     watch(options, &crew, &readers);
     print_table(crew);
     print_readers(readers);
 
-    Audit after = audit_file(options.file, LedgerFile::OPEN, true);
+    Audit after = audit_file(options, LedgerFile::OPEN);
     check_kept(before.entries, after.entries, "the audit fails: old entry ");
     for (const Worker &worker : crew)
         check_kept(worker.entries(), after.entries, "the audit fails: acknowledged entry ");
+    check_counts(options, crew, after.entries, count_of(before.entries));
     check_no_lock_files(options.file, crew, readers);
     print_totals(crew, after, count_of(before.entries));
     printf("time:  %.1f s\n", std::chrono::duration<double>(Clock::now() - start).count());
@@ -274,38 +380,42 @@ int run_host(const Options &options)
 }
 
 // The arguments are the host's own work, see worker_arguments().
-Options parse_worker_options(char **args)
+Options parse_worker_options(const std::vector<std::string> &args, const std::string &file)
 {
     Options options;
-    options.entries = static_cast<uint32_t>(strtoul(args[1], nullptr, 10));
-    options.seed = static_cast<uint32_t>(strtoul(args[2], nullptr, 10));
-    options.readers = static_cast<uint32_t>(strtoul(args[3], nullptr, 10));
-    options.file = args[4];
+    options.entries = std::stoul(args[2]);
+    options.seed = std::stoul(args[3]);
+    options.readers = std::stoul(args[4]);
+    options.file = file;
     return options;
 }
 
 } // namespace
 
-int main(int argc, char **argv)
+int main()
 {
-    if (argc == 3 && strcmp(argv[1], READER_ARGUMENT) == 0)
-        return run_reader(argv[2]);
-    if (argc == 7 && strcmp(argv[1], WORKER_ARGUMENT) == 0)
-        return run_worker(static_cast<uint32_t>(strtoul(argv[2], nullptr, 10)),
-                          parse_worker_options(argv + 2));
-    for (int i = 1; i < argc; i++) {
-        if (strcmp(argv[i], "--help") == 0) {
+    try {
+        std::vector<std::string> args = take_arguments();
+        const wchar_t *variable = _wgetenv(FILE_VARIABLE);
+        std::string file = std::filesystem::path(variable ? variable : L"").u8string();
+        if (args.size() == 1 && args[0] == READER_ARGUMENT)
+            return run_reader(file);
+        if (args.size() == 5 && args[0] == WORKER_ARGUMENT)
+            return run_worker(std::stoul(args[1]), parse_worker_options(args, file));
+        if (std::find(args.begin(), args.end(), "--help") != args.end()) {
             printf("%s", HELP);
             return 0;
         }
-    }
-    try {
-        return run_host(parse_options(argv + 1));
+        Options options = parse_options(args);
+        options.file = lockable_path(options);
+        return run_host(options);
     } catch (const UsageError &error) {
         fprintf(stderr, "ledger: %s; --help tells more\n", error.what());
         return 2;
-    } catch (const LedgerError &error) {
+    } catch (const VELKORA_EXCEPTION &exception) {
+        fprintf(stderr, "ledger: %s\n", exception.get_errc().get_error_message()[0].m_text.c_str());
+    } catch (const std::exception &error) {
         fprintf(stderr, "ledger: %s\n", error.what());
-        return 1;
     }
+    return 1;
 }

@@ -6,7 +6,8 @@ Peer::~Peer()
 {
     close_pipe(&m_input);
     close_pipe(&m_output);
-    thr_process_close_handle(m_process);
+    if (!kill())
+        thr_process_close_handle(m_process);
     thr_process_close_handle(m_job);
 }
 

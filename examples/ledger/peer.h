@@ -13,7 +13,7 @@ public:
     Peer() = default;
     Peer(const Peer &) = delete;
     Peer &operator=(const Peer &) = delete;
-    // Only a run that was given up still has a process here. Without pipes it ends by itself.
+    // Ends the process, which only a run that was given up still has here.
     ~Peer();
 
     // Starts this same program with other arguments; false when it can't be started.

@@ -13,11 +13,15 @@ bool may_leave()
     return thr_process_peek(thr_process_get_stdin(), &has_data) != 0;
 }
 
-size_t audit(const std::string &file, THR_IP_READ_WRITE_SEMAPHORE *semaphore)
+size_t audit(const std::string &file, Semaphore *semaphore)
 {
-    semaphore->read_lock();
-    size_t count = LedgerFile(file, LedgerFile::OPEN).audit().size();
-    semaphore->read_unlock();
+    ReadGuard guard(semaphore);
+    LedgerFile ledger(file, LedgerFile::OPEN);
+    uint64_t size = ledger.size();
+    size_t count = ledger.audit().size();
+    thr_msleep(2); // a writer that were here besides us would write meanwhile
+    if (ledger.size() != size)
+        throw LedgerError("somebody wrote beside the read lock");
     return count;
 }
 
@@ -26,7 +30,7 @@ size_t audit(const std::string &file, THR_IP_READ_WRITE_SEMAPHORE *semaphore)
 int run_reader(const std::string &file)
 {
     try {
-        THR_IP_READ_WRITE_SEMAPHORE semaphore(file.c_str());
+        Semaphore semaphore(file.c_str());
         size_t last = 0;
         do {
             size_t count = audit(file, &semaphore);

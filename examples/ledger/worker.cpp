@@ -35,12 +35,10 @@ void append_under_mutex(uint32_t worker, LedgerFile *ledger, THR_IP_MUTEX_OBJ *m
     append_entry(worker, ledger);
 }
 
-void append_among_readers(uint32_t worker, LedgerFile *ledger,
-                          THR_IP_READ_WRITE_SEMAPHORE *semaphore)
+void append_among_readers(uint32_t worker, LedgerFile *ledger, Semaphore *semaphore)
 {
-    semaphore->write_lock();
+    WriteGuard guard(semaphore);
     append_entry(worker, ledger);
-    semaphore->write_unlock();
 }
 
 void wait_for_leave()
@@ -57,7 +55,7 @@ int run_worker(uint32_t number, const Options &options)
     try {
         LedgerFile ledger(options.file, LedgerFile::OPEN);
         THR_IP_MUTEX_OBJ mutex(options.file.c_str());
-        THR_IP_READ_WRITE_SEMAPHORE semaphore(options.file.c_str());
+        Semaphore semaphore(options.file.c_str());
         std::minstd_rand random(options.seed);
         for (uint32_t i = 0; i < options.entries; i++) {
             if (options.readers > 0)

@@ -6,9 +6,13 @@
 // not begin or end where a line does.
 #include "thr/thr_classes.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <string>
+
+#include <fcntl.h>
+#include <io.h>
 
 #include <windows.h>
 
@@ -68,8 +72,15 @@ int run_client(const char *name)
 
 // --- server -------------------------------------------------------------------------------------
 
+struct Client {
+    std::string pipe_name;
+    void *process = nullptr;
+    std::atomic<bool> has_ended{false};
+    int exit_code = -1;
+};
+
 // Starts this program as the client of a pipe; it prints where we print.
-void *start_client(const char *pipe_name)
+void *start_client(const std::string &pipe_name)
 {
     char program[MAX_PATH];
     GetModuleFileNameA(nullptr, program, sizeof program);
@@ -78,36 +89,58 @@ void *start_client(const char *pipe_name)
     return thr_process_create(&command[0], nullptr, nullptr, nullptr, nullptr, nullptr);
 }
 
+// A thread of ours waits for the client's end. connect() waits for a client without limit: when
+// ours has ended before it opened the pipe, we open it ourselves, so that connect() returns.
+void *watch_client(void *arg)
+{
+    Client &client = *static_cast<Client *>(arg);
+    thr_process_status status = {0, -1};
+    if (thr_process_wait(client.process, &status, 0) <= 0)
+        thr_process_close_handle(client.process);
+    client.exit_code = status.exit_code;
+    client.has_ended = true;
+    THR_NAMED_PIPE pipe(client.pipe_name.c_str());
+    if (pipe.open()) // not when the pipe has gone, or has had its client
+        pipe.close();
+    return nullptr;
+}
+
 int run_server()
 {
     THR_NAMED_PIPE pipe;
     if (!pipe.create())
         return fail("can't make a pipe", pipe.get_error());
-    void *client = start_client(pipe.get_name());
-    if (!client)
+    Client client;
+    client.pipe_name = pipe.get_name();
+    client.process = start_client(client.pipe_name);
+    if (!client.process)
         return fail("can't start the client", 0);
+    THR_THREAD_ID watcher = thr_thread_create(watch_client, &client, 0);
 
     int result = 0;
     if (!pipe.connect())
         result = fail("the client does not connect", pipe.get_error());
+    else if (client.has_ended)
+        result = fail("the client ended before it opened the pipe", client.exit_code);
     std::string line;
     while (result == 0 && read_line(&line)) {
         if (pipe.write(line.data(), line.size()) < 0)
             result = fail("can't write to the pipe", pipe.get_error());
     }
     pipe.remove(); // the client has read everything when this returns
-    thr_process_status status;
-    if (thr_process_wait(client, &status, 0) <= 0) {
-        thr_process_close_handle(client);
-        return fail("can't tell how the client ended", 0);
-    }
-    return result == 0 && status.exit_code == 0 ? 0 : 1;
+    thr_thread_wait(watcher);
+    if (result == 0 && client.exit_code != 0)
+        result = fail("the client failed with exit code", client.exit_code);
+    return result;
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
+    // as they are, bytes 0x1A and ends of lines included
+    _setmode(_fileno(stdin), _O_BINARY);
+    _setmode(_fileno(stdout), _O_BINARY);
     if (argc == 1)
         return run_server();
     if (argc == 2 && strcmp(argv[1], "--help") == 0) {
