@@ -1,16 +1,11 @@
 #!/usr/bin/env bash
 # Usage: scripts/check.sh
 #
-# Checks the sources: format, a second compiler with warnings as errors, cppcheck, clang-tidy, and
-# the tests with undefined behaviour trapping. Stops at the first step that fails.
+# Checks the sources: format, length of lines, a second compiler with warnings as errors, cppcheck,
+# clang-tidy, and the tests with undefined behaviour trapping. Stops at the first step that fails.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
-
-case ${1-} in
--h | --help) usage && exit ;;
-'') ;;
-*) die "unknown argument: $1 (see --help)" ;;
-esac
+take_no_arguments "$@"
 
 # step NAME COMMAND...: runs a check, which says by itself what it finds. When it fails the script
 # ends; a tested command instead would run on after its own failures.
@@ -23,19 +18,26 @@ step()
     current=
 }
 
+export thr_checking=ON
 current=
 trap '[ -z "$current" ] || echo "check.sh: $current failed: correct what is listed above" >&2' EXIT
+trap 'current= && exit 143' TERM # a script that is ended has found nothing
 
 sources_of() { find "$@" -name '*.[ch]' -o -name '*.cpp' | sort; }
 
-check_format()
+code_files()
 {
     local folder folders=()
     for folder in thr tests examples bench docs; do
         [ ! -d $folder ] || folders+=($folder)
     done
-    sources_of "${folders[@]}" | xargs -r -d '\n' clang-format --dry-run --Werror
+    sources_of "${folders[@]}"
 }
+
+check_format() { code_files | xargs -r -d '\n' clang-format --dry-run --Werror; }
+
+# Of comments and texts too, which the formatter leaves as they are.
+check_line_length() { ! code_files | xargs -r -d '\n' grep -HnE '^.{101,}'; }
 
 check_cppcheck()
 {
@@ -56,6 +58,7 @@ check_tidy()
 "$root/scripts/setup.sh"
 cd "$root"
 step clang-format check_format
+step "length of lines" check_line_length
 step "second compiler (preset windows-clang)" build_preset windows-clang
 step cppcheck check_cppcheck
 step clang-tidy check_tidy

@@ -6,12 +6,7 @@
 # out. Fails below 95% of all lines; docs/testing.md has the reasons of what is left.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
-
-case ${1-} in
--h | --help) usage && exit ;;
-'') ;;
-*) die "unknown argument: $1 (see --help)" ;;
-esac
+take_no_arguments "$@"
 
 build=$root/build/windows-coverage
 listings=$build/coverage
@@ -34,10 +29,11 @@ make_listings()
 print_table()
 {
     local program='
-        function percent(part, whole) { return whole ? sprintf("%5.1f%%", 100 * part / whole) : "     -" }
-        function row(name, l, L, b, B) {
-            printf "%-30s %5d of %5d %s %5d of %5d %s\n", name, l, L, percent(l, L), b, B, percent(b, B)
+        function share(part, whole) {
+            return sprintf("%5d of %5d %s", part, whole,
+                           whole ? sprintf("%5.1f%%", 100 * part / whole) : "     -")
         }
+        function row(name, l, L, b, B) { printf "%-30s %s %s\n", name, share(l, L), share(b, B) }
         function end_file(    line, done, all) {
             for (line in state) { all++; done += state[line] }
             if (file) row(file, done, all, taken, branches)

@@ -5,6 +5,7 @@
 # and creates the Wine prefix build/wine. The other scripts run it first.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
+take_no_arguments "$@"
 
 # Each package, and the program or file that shows that it is there.
 requirements=(
@@ -36,11 +37,12 @@ missing_packages()
     done
 }
 
+# Without this run's mark: half an installation would be worse than one that goes on.
 apt()
 {
     local as_root=()
     [ "$(id -u)" -eq 0 ] || as_root=(sudo -n)
-    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+    thr_run='' "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
         apt-get -q -o Acquire::Retries=2 -o DPkg::Lock::Timeout=300 "$@" </dev/null
 }
 
@@ -51,26 +53,29 @@ install_missing()
     [ ${#missing[@]} -ne 0 ] || return 0
     say "installing ${missing[*]}"
     # The package lists of a new machine are absent, those of an old one out of date.
-    apt install -y --no-install-recommends "${missing[@]}" ||
-        { say "updating the package lists" && apt update &&
-            apt install -y --no-install-recommends "${missing[@]}"; } || true
+    {
+        apt install -y --no-install-recommends "${missing[@]}" ||
+            { apt update && apt install -y --no-install-recommends "${missing[@]}"; }
+    } >"$root/build/packages.log" 2>&1 || true
     mapfile -t missing < <(missing_packages)
     [ ${#missing[@]} -eq 0 ] ||
-        die "packages are missing, as root run: apt-get install ${missing[*]}"
+        die "packages are missing, as root run: apt-get install ${missing[*]}" \
+            "(why it failed is in build/packages.log)"
 }
 
+# Under another name until it is whole.
 create_prefix()
 {
-    use_prefix "$root/build/wine"
-    [ ! -e "$WINEPREFIX/.ready" ] || return 0
+    local prefix=$root/build/wine log=$root/build/wine.log
+    [ ! -e "$prefix/.ready" ] || return 0
     say "creating the Wine prefix build/wine"
-    rm -rf "$WINEPREFIX"
-    local log=$root/build/wine.log
+    rm -rf "$prefix" "$prefix.new"
+    use_prefix "$prefix.new"
     timeout -k 5 300 "$wine" wineboot -i </dev/null >"$log" 2>&1 ||
         die "Wine could not create its prefix: see $log"
-    "$wineserver" -k || true # ends the server once it has saved the registry
-    "$wineserver" -w
-    touch "$WINEPREFIX/.ready"
+    end_server # once it has saved the registry
+    touch "$prefix.new/.ready"
+    mv "$prefix.new" "$prefix"
 }
 
 set_up()
@@ -79,9 +84,4 @@ set_up()
     create_prefix
 }
 
-case ${1-} in
--h | --help) usage && exit ;;
-'') ;;
-*) die "unknown argument: $1 (see --help)" ;;
-esac
 with_lock setup set_up

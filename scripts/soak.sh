@@ -12,7 +12,8 @@ case ${1-} in
 esac
 seconds=${1:-20} seed=${2:-$RANDOM}
 build=$root/build/windows
-[[ "$seconds$seed" =~ ^[0-9]+$ && $seconds -gt 0 ]] || die "SECONDS and SEED are numbers (see --help)"
+[ $# -le 2 ] && [[ "$seconds$seed" =~ ^[0-9]+$ && $seconds -gt 0 ]] ||
+    die "two numbers at most are taken, SECONDS and SEED, not: $* (see --help)"
 
 # A worker that dies while it starts a child leaves that suspended: it ends with the Wine server.
 run_soak()
@@ -22,11 +23,8 @@ run_soak()
     say "soak of $seconds seconds, seed $seed"
     # Into a file: a console host may hold an output open after its program has ended.
     timeout -k 10 $((seconds + 120)) "$wine" "$build/bin/soak.exe" "$seconds" "$seed" \
-        </dev/null >"$log" 2>&1 &
-    program_pid=$!
-    wait $program_pid || status=$?
-    program_pid=
-    stop_wine
+        </dev/null >"$log" 2>&1 || status=$?
+    end_server
     sed 's/\r$//' "$log"
     [ $status -eq 0 ] || die "the soak failed with status $status: see ${log#"$root/"}"
 }

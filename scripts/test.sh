@@ -5,7 +5,11 @@
 # also checks the package as its users get it: scripts/consumers.sh.
 #
 #   --preset NAME     build and test this preset of CMakePresets.json (default: windows)
-#   --filter PATTERN  run only the tests that match, a GoogleTest filter
+#   --filter PATTERN  run only the tests that match, a GoogleTest filter, and start only the
+#                     programs that have such tests
+#
+# Of a program its closing lines are shown, and the output of the tests that failed; the rest is in
+# build/NAME/test-logs.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
@@ -24,11 +28,13 @@ while [ $# -gt 0 ]; do
     esac
 done
 
+grep -q "\"name\": \"$preset\"" "$root/CMakePresets.json" ||
+    die "there is no preset \"$preset\": see CMakePresets.json"
+
 build=$root/build/$preset
 logs=$build/test-logs
 passed=0 failed=0 skipped=0
-summary=()
-program_pid=
+failed_programs=()
 
 # The preset's own prefix. Its heaps check each block's tail (0x10), and that a free one stays as it
 # is (0x20).
@@ -40,9 +46,24 @@ start_wine_for_tests()
 }
 
 # The number in a program's last line that begins with this bracketed word, else 0.
-count_of() { sed -nE "s/^\[ *$1 *\] ([0-9]+) tests?[ ,.].*/\1/p" "$2" | tail -n 1 | grep . || echo 0; }
+count_of()
+{
+    sed -nE "s/^\[ *$1 *\] ([0-9]+) tests?[ ,.].*/\1/p" "$2" | tail -n 1 | grep . || echo 0
+}
 
-# Adds a finished program to the totals.
+last_started() { sed -n 's/^\[ RUN      \] //p' "$1" | tail -n 1 | grep . || echo 'no test yet'; }
+
+# The output of each test that did not pass, one that never ended included.
+print_failures()
+{
+    awk '/^\[ RUN      \]/ { text = ""; inside = 1 }
+        inside { text = text $0 "\n" }
+        /^\[       OK \]|^\[  SKIPPED \]/ { inside = 0 }
+        inside && /^\[  FAILED  \]/ { printf "%s", text; inside = 0 }
+        END { if (inside) printf "%s", text }' "$1"
+}
+
+# Shows a finished program and adds it to the totals.
 tally()
 {
     local name=$1 log=$2 status=$3 ok bad skip fault=
@@ -55,39 +76,61 @@ tally()
         ok=$(grep -c '^\[       OK \]' "$log") || true
         bad=$(grep -c '^\[  FAILED  \]' "$log") || true
         skip=$(grep -c '^\[  SKIPPED \]' "$log") || true
-        fault="crashed or was ended (status $status) in: $(
-            sed -n 's/^\[ RUN      \] //p' "$log" | tail -n 1 | grep . || echo 'no test')"
-        [ "$status" -ne 124 ] || fault="was still running after $seconds_per_program s, ${fault#*) }"
+        fault="crashed or was ended (status $status)"
+        [ "$status" -ne 124 ] || fault="was still running after $seconds_per_program s"
+        fault+=" in: $(last_started "$log")"
     fi
-    summary+=("$name:")
+    say "$name"
+    print_failures "$log"
+    sed -n '/^\[==========\] .* ran\./,$p' "$log" | grep '^\[\|FAILED TEST' || true
     if [ -n "$fault" ]; then
         bad=$((bad + 1))
-        summary+=("    $fault (see ${log#"$root/"})")
+        say "$name $fault (see ${log#"$root/"})"
     fi
-    mapfile -t -O ${#summary[@]} summary < <(
-        sed -n '/^\[==========\] .* ran\./,$p' "$log" | grep '^\[\|FAILED TEST' || true)
+    [ "$bad" -eq 0 ] || failed_programs+=("$name")
     passed=$((passed + ok)) failed=$((failed + bad)) skipped=$((skipped + skip))
+}
+
+# On a terminal: the test that runs, in one line, until this is ended.
+show_progress()
+{
+    local name=$1 raw=$2 columns
+    columns=$(tput cols 2>/dev/null) || columns=80
+    while sleep 0.3; do
+        printf '\r\e[K%.*s' $((columns - 1)) \
+            "$name, test $(grep -c "^\[ RUN" "$raw" || true): $(last_started "$raw" | tr -d "\r")"
+    done
 }
 
 # A program writes to a file: a console host may hold its output open after it has ended.
 run_program()
 {
-    local program=$1 name raw log viewer_pid status=0
+    local program=$1 name raw log watcher='' status=0
     name=$(basename "$program" .exe)
     raw=$logs/$name.raw log=$logs/$name.log
-    say "$name"
     : >"$raw"
+    if [ -t 1 ]; then
+        show_progress "$name" "$raw" &
+        watcher=$!
+    fi
     (cd "$build" && exec timeout -k 10 $seconds_per_program "$wine" "$program" \
-        --gtest_filter="$filter") </dev/null >"$raw" 2>&1 &
-    program_pid=$!
-    tail -n +1 -s 0.2 -f --pid=$program_pid "$raw" | sed -u 's/\r$//' &
-    viewer_pid=$!
-    wait $program_pid || status=$? # in the background, so that a signal ends the run at once
-    program_pid=
-    wait $viewer_pid
+        --gtest_filter="$filter") </dev/null >"$raw" 2>&1 || status=$?
+    if [ -n "$watcher" ]; then
+        kill "$watcher" && wait "$watcher" || true
+        printf '\r\e[K'
+    fi
     sed 's/\r$//' "$raw" >"$log"
     rm "$raw"
     tally "$name" "$log" "$status"
+}
+
+# Whether a test of the program matches the filter.
+has_tests()
+{
+    local listing=$logs/listing
+    (cd "$build" && timeout -k 10 60 "$wine" "$1" --gtest_list_tests --gtest_filter="$filter") \
+        </dev/null >"$listing" 2>&1 || die "$(basename "$1") does not list its tests: see $listing"
+    grep -q '^  ' "$listing"
 }
 
 run_programs()
@@ -99,15 +142,15 @@ run_programs()
     mkdir -p "$logs"
     start_wine_for_tests
     for program in "${programs[@]}"; do
-        run_program "$program"
+        [ "$filter" != '*' ] && ! has_tests "$program" || run_program "$program"
     done
+    [ $((passed + failed + skipped)) -ne 0 ] || die "no test matches the filter \"$filter\""
     say "results of preset $preset"
-    printf '%s\n' "${summary[@]}"
     totals="$passed passed, $failed failed"
     [ $skipped -eq 0 ] || totals+=", $skipped skipped"
     printf '%s\n' "$totals"
-    [ $((passed + failed)) -ne 0 ] || die "no test was executed"
-    [ $failed -eq 0 ] || die "tests failed: see the list above, and the logs in ${logs#"$root/"}"
+    [ $failed -eq 0 ] ||
+        die "tests failed in ${failed_programs[*]}: see above, and the logs in ${logs#"$root/"}"
 }
 
 "$root/scripts/setup.sh"
