@@ -122,11 +122,11 @@ use_prefix()
 }
 
 # Keeps the prefix's server up until it is ended. The services that Wine starts with its first
-# program must not hold this script's output open.
+# program must not hold this script's output open, nor any of its locks. There may be a server.
 start_server()
 {
-    "$wineserver" -p </dev/null >/dev/null 2>&1 || true # there may be one
-    "$wine" cmd /c exit </dev/null >/dev/null 2>&1 || die "Wine does not run: see build/wine.log"
+    "$BASH" -c '"$1" -p 6>&-; "$2" cmd /c exit 6>&- || exit 1' - "$wineserver" "$wine" \
+        </dev/null >/dev/null 2>&1 7>&- || die "Wine does not run: see build/wine.log"
 }
 
 end_server()
@@ -153,23 +153,27 @@ start_wine()
 
 stop_wine() { end_server; }
 
-# share_wine: makes Wine use build/wine beside other scripts. Its server has no mark: the script
-# that ends last ends it.
+# share_wine: makes Wine use build/wine beside other scripts, all of which hold wine.lock. The
+# server has no mark: the script that ends last ends it. A start goes on when its script is ended,
+# and holds wine-start.lock.
 share_wine()
 {
     use_prefix "$root/build/wine"
-    exec 7>"$root/build/wine.lock"
+    exec 6>"$root/build/wine-start.lock" 7>"$root/build/wine.lock"
+    flock 6
     ! flock -n 7 || end_server # left by a run that was killed
     flock -s 7
-    thr_run='' start_server 7>&-
+    thr_run='' start_server
+    exec 6>&-
 }
 
 end_shared_wine()
 {
     [ -e "$root/build/wine.lock" ] || return 0
-    exec 7>"$root/build/wine.lock"
+    exec 6>"$root/build/wine-start.lock" 7>"$root/build/wine.lock"
+    flock -w 60 6 || true
     ! flock -n 7 || WINEPREFIX=$root/build/wine end_server
-    exec 7>&-
+    exec 6>&- 7>&-
 }
 
 # run_shared PROGRAM [ARGUMENT...]: after share_wine. Both outputs go through pipes: on a terminal
