@@ -371,18 +371,20 @@ typedef struct thr_process_status {
  *  @param reserved  not used
  *  @param job       where to store the job object's handle, which the caller closes with
  *                   thr_process_close_handle() when the child has ended (its children would break
- *                   away otherwise); null: the library keeps the job open for the life of the
- *                   calling process. A caller that is itself in such a job keeps its
- *                   children in its own: the child's job is then empty.
+ *                   away otherwise); null is stored when the system refused the job and a report
+ *                   hook let the creation go on. Null for the place: the library keeps the job open
+ *                   for the life of the calling process. A caller that is itself in such a job
+ *                   keeps its children in its own: the child's job is then empty.
  *  @return the process handle, which thr_process_wait(), thr_process_terminate() or
  *          thr_process_close_handle() releases; null when the child could not be started or
  *          resumed, with the reason on the debug channel and one line on standard error. `job` is
  *          then not written, and pipe ends that were stored stay the caller's to close.
  *
- *  A pipe that can't be made leaves its stream alone and its place unwritten, so set the places to
- *  null before the call. The stored ends are not inheritable. Refused job limits are the OS
- *  failures "query job info" and "modify job info"; with a report hook the creation goes on. A
- *  caller whose standard output is no console starts its children without a console window.
+ *  A pipe that can't be made leaves its stream alone (but standard error, which shares the place of
+ *  standard output, becomes a copy of that) and its place unwritten, so set the places to null
+ *  before the call. The stored ends are not inheritable. Refused job limits are the OS failures
+ *  "query job info" and "modify job info"; with a report hook the creation goes on. A caller whose
+ *  standard output is no console starts its children without a console window.
  *
  *  A stream that is not redirected is what the caller's own start-up record says, or what a console
  *  gives: redirect all three, or let children inherit (thr_process_set_inherit_handles()); none
