@@ -38,13 +38,14 @@ plain_path="a path of ASCII letters, digits, blanks and ._@~=+- is needed"
 # parents and sessions; what carries it in the end is ended.
 run_supervised()
 {
-    local status=0
+    local status=0 ended=
     trap 'exit 129' HUP
     trap 'exit 130' INT
     trap 'exit 143' TERM
     trap end_run EXIT
     thr_run=${thr_run-}$$: "$BASH" "$0" "$@" <&0 &
     wait $! || status=$?
+    ended=yes
     exit $status
 }
 
@@ -58,7 +59,7 @@ end_run()
 {
     local processes tries
     trap '' HUP INT TERM
-    kill "$!" 2>/dev/null || true # it may not have its mark yet
+    [ "$ended" ] || kill "$!" 2>/dev/null || true # it may not have its mark yet
     for ((tries = 0; tries < 200; tries++)); do
         mapfile -t processes < <(marked_processes)
         [ ${#processes[@]} -gt 0 ] || break
