@@ -95,9 +95,8 @@ TEST(Drl, TheHostsFunctionsTakeThePlatformsPlace)
 TEST(Drl, LoadsFindsAndUnloads)
 {
     ScratchDir scratch;
-    const std::string program = own_program(), file = scratch.file(".dll.dll");
-    const std::string fixtures = program.substr(0, program.rfind('\\')) + "\\fixtures\\";
-    CopyFileA((fixtures + "thr_test_plain.dll").c_str(), file.c_str(), TRUE);
+    const std::string file = scratch.file(".dll.dll");
+    CopyFileA(fixture("thr_test_plain.dll").c_str(), file.c_str(), TRUE);
     std::string path = file.substr(0, file.size() - 4);
     std::replace(path.begin(), path.end(), '\\', '/');
     const char *name = path.c_str();

@@ -204,8 +204,8 @@ TEST(DllDirectory, LetsAProgramLoadTheSuitesLibraries)
     for (const char *folder : {"bin64", "tools"})
         fs::create_directories(install / folder);
     fs::copy_file(bin / "thr.dll", install / "tools/thr.dll");
-    fs::copy_file(bin / "fixtures/thr_test_host.exe", install / "tools/tool.exe");
-    fs::copy_file(bin / "fixtures/thr_test_plain.dll", install / "bin64/only_there.dll");
+    fs::copy_file(fixture("thr_test_host.exe"), install / "tools/tool.exe");
+    fs::copy_file(fixture("thr_test_plain.dll"), install / "bin64/only_there.dll");
     const std::string path = getenv("PATH");
     SetEnvironmentVariableA("PATH", (bin.string() + ";" + path).c_str()); // for the runtime's DLLs
     Child child("host", {"only_there"}, (install / "tools/tool.exe").string());

@@ -408,7 +408,7 @@ void print(const Tally &tally)
 // holds unless it is behind a question mark.
 void expect_accounts(std::set<std::string> accounts)
 {
-    std::ifstream file(THR_SOURCE_DIR "/tests/refusal_sweep/reports.txt");
+    std::ifstream file(support::fixture("reports.txt"));
     ASSERT_TRUE(file);
     for (std::string line; std::getline(file, line);) {
         if (line[0] == '?')

@@ -97,6 +97,11 @@ std::string own_program()
     return _pgmptr;
 }
 
+std::string fixture(const std::string &name)
+{
+    return own_program().substr(0, own_program().rfind('\\')) + "\\fixtures\\" + name;
+}
+
 std::string role_command(const std::string &role, const RoleArgs &args, const std::string &program)
 {
     std::string command = quoted(program) + " --role " + quoted(role);

@@ -50,6 +50,9 @@ std::optional<std::string> hear();
 // The absolute path of this test program.
 std::string own_program();
 
+// That of a file in the folder `fixtures` beside it: what tests load, start and read.
+std::string fixture(const std::string &name);
+
 // The command line that starts `program`, this test program by default, in a role: for tests of
 // the library's own process creation.
 std::string role_command(const std::string &role, const RoleArgs &args = {},
