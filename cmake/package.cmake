@@ -1,64 +1,116 @@
-# What cmake --install and the package thr-<version>-win64.zip hold, and the target docs.
+# What cmake --install and the packages hold, and the targets docs and package.
 
 # --- import libraries ---------------------------------------------------------------------------
 
-# thr.lib is for toolchains that do not read MinGW's import library.
-find_program(THR_DLLTOOL llvm-dlltool DOC "makes thr.lib")
-if(NOT THR_DLLTOOL)
-  message(FATAL_ERROR "llvm-dlltool not found: install llvm or set THR_DLLTOOL")
-endif()
+# thr.lib is for toolchains that do not read MinGW's import library; thr.def has its names.
 set(all_exports ${PROJECT_BINARY_DIR}/thr/exports.def)
 set(def ${CMAKE_ARCHIVE_OUTPUT_DIRECTORY}/thr.def)
-set(lib ${CMAKE_ARCHIVE_OUTPUT_DIRECTORY}/thr.lib)
 target_link_options(thr PRIVATE -Wl,--output-def,${all_exports})
-add_custom_command(OUTPUT ${def} ${lib}
+add_custom_command(OUTPUT ${def}
   COMMAND ${CMAKE_COMMAND} -DFROM=${all_exports} -DTO=${def}
           -P ${PROJECT_SOURCE_DIR}/cmake/make_def.cmake
-  COMMAND ${THR_DLLTOOL} -m i386:x86-64 -d ${def} -l ${lib}
   DEPENDS thr cmake/make_def.cmake
   VERBATIM)
-add_custom_target(thr_lib ALL DEPENDS ${def} ${lib})
+set(import_files ${def})
+find_program(THR_DLLTOOL llvm-dlltool DOC "makes thr.lib")
+if(THR_DLLTOOL)
+  set(lib ${CMAKE_ARCHIVE_OUTPUT_DIRECTORY}/thr.lib)
+  add_custom_command(OUTPUT ${lib}
+    COMMAND ${THR_DLLTOOL} -m i386:x86-64 -d ${def} -l ${lib}
+    DEPENDS ${def}
+    VERBATIM)
+  list(APPEND import_files ${lib})
+else()
+  message(STATUS "llvm-dlltool not found (install llvm or set THR_DLLTOOL): no thr.lib")
+endif()
+add_custom_target(thr_lib ALL DEPENDS ${import_files})
 
 # --- manual -------------------------------------------------------------------------------------
 
-find_program(THR_DOXYGEN doxygen DOC "makes the manual")
-if(NOT THR_DOXYGEN)
-  message(FATAL_ERROR "doxygen not found: install doxygen or set THR_DOXYGEN")
-endif()
 set(public_headers thr/thr.h thr/thr_classes.h thr/thr_exception.h)
 list(TRANSFORM public_headers PREPEND ${PROJECT_SOURCE_DIR}/)
-configure_file(docs/Doxyfile.in docs/Doxyfile @ONLY)
 set(manual ${PROJECT_BINARY_DIR}/docs/html)
-add_custom_target(docs
-  COMMAND ${CMAKE_COMMAND} -E rm -rf ${manual}
-  COMMAND ${THR_DOXYGEN} ${PROJECT_BINARY_DIR}/docs/Doxyfile
-  COMMAND ${CMAKE_COMMAND} -DDEF=${def} -DTAGS=${PROJECT_BINARY_DIR}/docs/thr.tag
-          -P ${PROJECT_SOURCE_DIR}/cmake/check_manual.cmake
-  COMMAND ${CMAKE_COMMAND} -DTAGS=${PROJECT_BINARY_DIR}/docs/thr.tag -DHTML=${manual}
-          -P ${PROJECT_SOURCE_DIR}/cmake/search_headings.cmake
-  DEPENDS ${def}
-  WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
-  COMMENT "Making the manual ${manual}"
-  VERBATIM)
+find_program(THR_DOXYGEN doxygen DOC "makes the manual")
+if(THR_DOXYGEN)
+  configure_file(docs/Doxyfile.in docs/Doxyfile @ONLY)
+  set(made ${PROJECT_BINARY_DIR}/docs/made)
+  set(tags ${PROJECT_BINARY_DIR}/docs/thr.tag)
+  set(scripts ${PROJECT_SOURCE_DIR}/cmake)
+  file(GLOB_RECURSE manual_sources CONFIGURE_DEPENDS docs/* thr/*)
+  add_custom_command(OUTPUT ${made} ${manual}/index.html
+    COMMAND ${CMAKE_COMMAND} -E rm -rf ${manual}
+    COMMAND ${THR_DOXYGEN} ${PROJECT_BINARY_DIR}/docs/Doxyfile
+    COMMAND ${CMAKE_COMMAND} -DDEF=${def} -DTAGS=${tags} -P ${scripts}/check_manual.cmake
+    COMMAND ${CMAKE_COMMAND} -DTAGS=${tags} -DHTML=${manual} -P ${scripts}/search_headings.cmake
+    COMMAND ${CMAKE_COMMAND} -E touch ${made}
+    DEPENDS ${def} ${manual_sources} ${PROJECT_BINARY_DIR}/docs/Doxyfile
+            ${scripts}/check_manual.cmake ${scripts}/search_headings.cmake
+    WORKING_DIRECTORY ${PROJECT_SOURCE_DIR}
+    COMMENT "Making the manual ${manual}"
+    VERBATIM)
+  add_custom_target(docs DEPENDS ${made})
+else()
+  message(STATUS "doxygen not found (install doxygen or set THR_DOXYGEN): no manual")
+endif()
+
+# --- licences -----------------------------------------------------------------------------------
+
+# The terms of the runtime DLLs, as the compiler's packages tell them on Debian and under MSYS2.
+set(THR_LICENSE_DIR "" CACHE PATH "folder of the runtime DLLs' licences, where no package has them")
+set(licenses)
+if(THR_LICENSE_DIR)
+  file(GLOB licenses ${THR_LICENSE_DIR}/*)
+else()
+  set(msys2 ${thr_compiler_dir}/../share/licenses)
+  file(GLOB of_gcc /usr/share/doc/gcc-mingw-w64-base/copyright ${msys2}/gcc-libs/*)
+  file(GLOB of_mingw /usr/share/doc/mingw-w64-common/copyright ${msys2}/*winpthread*/*)
+  if(of_gcc AND of_mingw)
+    file(GLOB licenses /usr/share/common-licenses/GPL-3) # which Debian's texts refer to
+    list(APPEND licenses ${of_gcc} ${of_mingw})
+  endif()
+endif()
+
+# install_licenses(DESTINATION folder [install's other options])
+function(install_licenses)
+  if(NOT licenses)
+    install(CODE "message(FATAL_ERROR \"no licences of the runtime DLLs: \"
+      \"name their folder in THR_LICENSE_DIR\")" ${ARGN})
+  endif()
+  foreach(file ${licenses})
+    get_filename_component(name ${file} NAME)
+    get_filename_component(folder ${file} DIRECTORY)
+    get_filename_component(folder ${folder} NAME)
+    install(FILES ${file} RENAME ${folder}-${name}.txt ${ARGN})
+  endforeach()
+endfunction()
 
 # --- installed files ----------------------------------------------------------------------------
+
+# programs_below(VARIABLE folder): the programs and DLLs that the folder's targets make.
+function(programs_below variable folder)
+  set(found)
+  get_property(targets DIRECTORY ${folder} PROPERTY BUILDSYSTEM_TARGETS)
+  foreach(target ${targets})
+    get_target_property(type ${target} TYPE)
+    if(type MATCHES "^(EXECUTABLE|SHARED_LIBRARY|MODULE_LIBRARY)$")
+      list(APPEND found ${target})
+    endif()
+  endforeach()
+  get_property(folders DIRECTORY ${folder} PROPERTY SUBDIRECTORIES)
+  foreach(below ${folders})
+    programs_below(more ${below})
+    list(APPEND found ${more})
+  endforeach()
+  set(${variable} ${found} PARENT_SCOPE)
+endfunction()
 
 set(doc share/doc/thr)
 install(TARGETS thr RUNTIME DESTINATION bin ARCHIVE DESTINATION lib)
 install(FILES $<TARGET_FILE:thr>.debug DESTINATION bin)
+install(FILES $<TARGET_FILE_DIR:thr>/thr.pdb DESTINATION bin OPTIONAL)
 install(PROGRAMS ${THR_RUNTIME_DLLS} DESTINATION bin)
-# The compiler's package ships its runtime with debug information, ten times the size.
-foreach(dll ${THR_RUNTIME_DLLS})
-  get_filename_component(name ${dll} NAME)
-  install(CODE "execute_process(COMMAND ${CMAKE_OBJCOPY} --strip-unneeded
-    \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/bin/${name}\" COMMAND_ERROR_IS_FATAL ANY)")
-endforeach()
-# Their terms, as the compiler's packages tell them.
-foreach(package gcc-mingw-w64-base mingw-w64-common)
-  install(FILES /usr/share/doc/${package}/copyright DESTINATION ${doc}/licenses
-          RENAME ${package}.txt OPTIONAL)
-endforeach()
-install(FILES ${def} ${lib} DESTINATION lib)
+install_licenses(DESTINATION ${doc}/licenses)
+install(FILES ${import_files} DESTINATION lib)
 install(FILES ${public_headers} DESTINATION include/thr)
 
 include(CMakePackageConfigHelpers)
@@ -68,15 +120,9 @@ install(FILES cmake/thr-config.cmake ${PROJECT_BINARY_DIR}/thr-config-version.cm
         DESTINATION lib/cmake/thr)
 
 # Every program and plug-in of the examples, and their sources, which build against the package.
-get_property(folders DIRECTORY examples PROPERTY SUBDIRECTORIES)
-foreach(folder examples ${folders})
-  get_property(examples DIRECTORY ${folder} PROPERTY BUILDSYSTEM_TARGETS)
-  foreach(example ${examples})
-    get_target_property(type ${example} TYPE)
-    if(type MATCHES "^(EXECUTABLE|SHARED_LIBRARY|MODULE_LIBRARY)$")
-      install(PROGRAMS $<TARGET_FILE:${example}> DESTINATION bin)
-    endif()
-  endforeach()
+programs_below(examples examples)
+foreach(example ${examples})
+  install(PROGRAMS $<TARGET_FILE:${example}> DESTINATION bin)
 endforeach()
 install(DIRECTORY examples DESTINATION ${doc})
 
@@ -87,15 +133,41 @@ file(WRITE ${PROJECT_BINARY_DIR}/docs/README.md "${using}")
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS docs/manual/using.md)
 install(FILES ${PROJECT_BINARY_DIR}/docs/README.md DESTINATION ${doc})
 install(FILES CHANGELOG.md SECURITY.md DESTINATION ${doc})
-install(CODE "execute_process(COMMAND \"${CMAKE_COMMAND}\" --build \"${PROJECT_BINARY_DIR}\"
-  --target docs COMMAND_ERROR_IS_FATAL ANY)")
-install(DIRECTORY ${manual}/ DESTINATION ${doc}/manual)
+if(TARGET docs)
+  # The packaging has made it already: no build runs inside another.
+  install(CODE "if(NOT THR_PACKAGING)
+    execute_process(COMMAND \"${CMAKE_COMMAND}\" --build \"${PROJECT_BINARY_DIR}\"
+      --target docs COMMAND_ERROR_IS_FATAL ANY)
+  endif()")
+  install(DIRECTORY ${manual}/ DESTINATION ${doc}/manual)
+endif()
 
-# --- package ------------------------------------------------------------------------------------
+# --- packages -----------------------------------------------------------------------------------
 
-set(CPACK_GENERATOR ZIP)
-set(CPACK_PACKAGE_NAME thr)
-set(CPACK_PACKAGE_VENDOR Velkora)
-set(CPACK_PACKAGE_FILE_NAME thr-${PROJECT_VERSION}-win64)
-set(CPACK_VERBATIM_VARIABLES ON)
-include(CPack)
+include(CheckSymbolExists)
+check_symbol_exists(_UCRT stdlib.h thr_is_for_ucrt)
+set(package_name thr-${PROJECT_VERSION}-win64)
+if(thr_is_for_ucrt)
+  string(APPEND package_name -ucrt)
+endif()
+
+# A build folder that once had CPack's target of this name has it no more.
+file(REMOVE ${PROJECT_BINARY_DIR}/CPackConfig.cmake ${PROJECT_BINARY_DIR}/CPackSourceConfig.cmake)
+
+# add_package(TARGET NAME COMPONENT target...): TARGET builds these and what is installed of them
+# into NAME.zip.
+function(add_package target name component)
+  add_custom_target(${target}
+    COMMAND ${CMAKE_COMMAND} -DNAME=${name} -DCOMPONENT=${component}
+            -P ${PROJECT_SOURCE_DIR}/cmake/make_zip.cmake
+    WORKING_DIRECTORY ${PROJECT_BINARY_DIR}
+    COMMENT "Making the package ${PROJECT_BINARY_DIR}/${name}.zip"
+    VERBATIM)
+  add_dependencies(${target} ${ARGN})
+endfunction()
+
+set(outputs thr thr_lib thr_runtime ${examples})
+if(TARGET docs)
+  list(APPEND outputs docs)
+endif()
+add_package(package ${package_name} Unspecified ${outputs})

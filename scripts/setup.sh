@@ -16,6 +16,7 @@ requirements=(
     googletest=/usr/src/googletest/googletest/src/gtest-all.cc
     cmake=cmake
     ninja-build=ninja
+    zip=zip
     doxygen=doxygen
     clang=clang++
     lld=ld.lld
