@@ -118,6 +118,8 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/thr-config-version.cmake
   COMPATIBILITY SameMajorVersion)
 install(FILES cmake/thr-config.cmake ${PROJECT_BINARY_DIR}/thr-config-version.cmake
         DESTINATION lib/cmake/thr)
+configure_file(cmake/thr.pc.in thr.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/thr.pc DESTINATION lib/pkgconfig)
 
 # Every program and plug-in of the examples, and their sources, which build against the package.
 programs_below(examples examples)

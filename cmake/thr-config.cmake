@@ -1,8 +1,26 @@
-# Defines the target thr::thr, and thr_RUNTIME_DLLS: the DLLs that a program needs beside it, thr.dll
-# and the C++ runtime that it shares with its hosts.
-if(NOT WIN32 OR NOT CMAKE_SIZEOF_VOID_P EQUAL 8)
+# Defines the target thr::thr, and thr_RUNTIME_DLLS: the DLLs that a program needs beside it,
+# thr.dll and the C++ runtime that it shares with its hosts.
+get_property(thr_languages GLOBAL PROPERTY ENABLED_LANGUAGES)
+if(C IN_LIST thr_languages)
+  set(thr_language C)
+else()
+  set(thr_language CXX)
+endif()
+include(CMakePushCheckState)
+include(CheckSourceCompiles)
+cmake_push_check_state(RESET)
+set(CMAKE_REQUIRED_QUIET ON)
+check_source_compiles(${thr_language} "
+  #if !defined _WIN32 || !(defined __x86_64__ || defined _M_X64)
+  #error
+  #endif
+  int main(void) { return 0; }" THR_COMPILER_IS_FOR_X64)
+cmake_pop_check_state()
+unset(thr_language)
+unset(thr_languages)
+if(NOT THR_COMPILER_IS_FOR_X64)
   set(thr_FOUND FALSE)
-  set(thr_NOT_FOUND_MESSAGE "thr is a library for 64-bit Windows")
+  set(thr_NOT_FOUND_MESSAGE "thr is for Windows on x64, and the compiler is not")
   return()
 endif()
 

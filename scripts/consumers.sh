@@ -1,33 +1,36 @@
 #!/usr/bin/env bash
 # Usage: scripts/consumers.sh
 #
-# Installs the release build into build/consumers/thr and checks what a user gets: every public
-# header by itself with two compilers, programs in C and C++ and the examples built against the
-# installed files alone and run under Wine, and what they print. Installing makes the manual, with
-# warnings as errors.
+# Makes the package, unpacks it into build/consumers and checks what a user gets: every public
+# header by itself with two compilers, programs in C and C++ and the examples built against these
+# files alone, by CMake, Meson, pkg-config and hand, and run under Wine, and what they print. The
+# package has the manual, made with warnings as errors.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-case ${1-} in
--h | --help) usage && exit ;;
-'') ;;
-*) die "unknown argument: $1 (see --help)" ;;
-esac
+take_no_arguments "$@"
 
 work=$root/build/consumers
-prefix=$work/thr
+prefix='' # where the package is
+programs=$root/docs/manual/programs
 gcc=x86_64-w64-mingw32-gcc-posix
 gxx=x86_64-w64-mingw32-g++-posix
 
-install_package()
+unpack_package()
 {
-    say "installing into build/consumers/thr"
+    local version zip text
+    version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$root/build/windows/CMakeCache.txt")
+    zip=$root/build/windows/thr-$version-win64.zip
     rm -rf "$work"
-    mkdir -p "$work"
-    cmake --install "$root/build/windows" --prefix "$prefix" >"$work/install.log" 2>&1 ||
-        { cat "$work/install.log" && die "the installation failed, see above"; }
+    mkdir -p "$work/the package"
+    (cd "$work/the package" && cmake -E tar xf "$zip")
+    prefix=$work/the\ package/$(basename "$zip" .zip)
     ! grep -rlF -e "$root" "$prefix" ||
-        die "the installed files above hold the path of this build"
+        die "the files of the package above hold the path of this build"
+    for text in 'GCC RUNTIME LIBRARY EXCEPTION' winpthreads 'GNU GENERAL PUBLIC LICENSE'; do
+        grep -rq "$text" "$prefix/share/doc/thr/licenses" ||
+            die "the licences of the runtime DLLs do not tell of: $text"
+    done
 }
 
 # --- headers ------------------------------------------------------------------------------------
@@ -115,19 +118,22 @@ build()
         { cat "$2.log" && die "building $1 against the package failed, see above"; }
 }
 
-# run_program STATUS PROGRAM [ARGUMENT...]: with the package's folder of DLLs on its path. It reads the
-# file $input, if one is set. Its output goes to a file: what Wine starts beside it may hold that open.
+# run_program STATUS PROGRAM [ARGUMENT...]: with the package's folder of DLLs on its path. It reads
+# the file $input, if one is set. Its output goes to a file: what Wine starts beside it may hold
+# that open.
 run_program()
 {
     local expected=$1 log=$2.log status=0
     shift
-    timeout -k 10 120 "$wine" "$@" <"${input:-/dev/null}" >"$log" 2>&1 || status=$?
+    timeout -k 10 120 "$wine" "$@" <"${input:-/dev/null}" >"$log" 2>&1 7>&- || status=$?
     [ $status -eq "$expected" ] ||
-        { tr -d '\r' <"$log" >&2 && die "$(basename "$1") ended with status $status, not $expected"; }
+        { tr -d '\r' <"$log" >&2 &&
+            die "$(basename "$1") ended with status $status, not $expected"; }
     tr -d '\r' <"$log"
 }
 
-# expect PATTERN EXAMPLE [ARGUMENT...]: the example ends well, and the pattern is all that it prints.
+# expect PATTERN EXAMPLE [ARGUMENT...]: the example ends well, and the pattern is all that it
+# prints.
 expect()
 {
     local pattern=$1 example=$2 output
@@ -142,8 +148,8 @@ run_examples()
     local folder=$work/run dos_folder tail="all in order and none missing; no lock file left*" i
     dos_folder=Z:${folder//\//\\}
     mkdir -p "$folder"
-    expect "*total: 60 entries acknowledged, 0 more written, 0 torn *audit: 60 entries, 0 *, $tail" \
-        ledger "$dos_folder\\ledger.db" --workers 3 --entries 20 --kill 0 --readers 2
+    expect "*total: 60 entries acknowledged, 0 more written, 0 torn *audit: 60 entries, 0 *, \
+$tail" ledger "$dos_folder\\ledger.db" --workers 3 --entries 20 --kill 0 --readers 2
     touch "$folder/ö.db.mtx.flock" # left over: whoever takes this lock removes it
     expect "*; 1 workers killed, *audit: *, $tail" \
         ledger "$dos_folder\\ö.db" --workers 3 --entries 20 --kill 1
@@ -173,35 +179,67 @@ hold_lock()
     exec 8<>"$work/full"
     timeout 0.3 cat /dev/zero >&8 || true
     LEDGER_FILE=$1 timeout -k 5 60 "$wine" "$work/examples/bin/ledger.exe" --worker 1 1 0 0 \
-        </dev/null >&8 2>&1 &
+        </dev/null >&8 2>&1 7>&- &
     exec 8>&-
 }
 
-build_programs()
+build_by_meson()
 {
-    say "building programs and examples against the package"
-    build "$root/docs/manual/programs" "$work/programs"
-    build "$prefix/share/doc/thr/examples" "$work/examples"
+    meson setup --cross-file "$programs/mingw-w64.ini" -Dpkg_config_path="$prefix/lib/pkgconfig" \
+        "$work/meson" "$programs" >"$work/meson.log" 2>&1 &&
+        ninja -C "$work/meson" >>"$work/meson.log" 2>&1 ||
+        { cat "$work/meson.log" && die "building the programs by Meson failed, see above"; }
+}
+
+build_by_hand()
+{
+    local options
+    options=$(PKG_CONFIG_LIBDIR=$prefix/lib/pkgconfig pkg-config --cflags --libs 'thr >= 1.0')
+    eval "options=($options)"
+    $gcc -std=c11 "$programs/consumer.c" "${options[@]}" -o "$work/consumer_pkg_config.exe" ||
+        die "building by pkg-config's options failed, see above"
     "${clang_for_mingw[@]}" -fuse-ld=lld -L "$gcc_folder" -std=c11 -Wall -Wextra -Wpedantic \
-        -Werror -I "$prefix/include" "$root/docs/manual/programs/consumer.c" "$prefix/lib/thr.lib" \
+        -Werror -I "$prefix/include" "$programs/consumer.c" "$prefix/lib/thr.lib" \
         -o "$work/consumer_thr_lib.exe" || die "linking with thr.lib failed, see above"
     clang --target=x86_64-pc-windows-msvc -ffreestanding -c -I "$prefix/include" \
-        "$root/docs/manual/programs/other_linker.c" -o "$work/other_linker.obj" &&
+        "$programs/other_linker.c" -o "$work/other_linker.obj" &&
         lld-link /nologo /nodefaultlib /entry:start /subsystem:console \
             "/out:$work/other_linker.exe" "$work/other_linker.obj" "$prefix/lib/thr.lib" \
             "$($gcc -print-file-name=libkernel32.a)" ||
         die "linking with thr.lib by lld-link failed, see above"
 }
 
+# The package's reason must be told, and not a link fail later.
+refuse_another_processor()
+{
+    ! cmake -G Ninja -S "$programs" -B "$work/arm64" -DCMAKE_SYSTEM_NAME=Windows \
+        -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
+        -DCMAKE_{C,CXX}_COMPILER_TARGET=aarch64-w64-mingw32 \
+        -DCMAKE_TRY_COMPILE_TARGET_TYPE=STATIC_LIBRARY -DCMAKE_PREFIX_PATH="$prefix" \
+        >"$work/arm64.log" 2>&1 && grep -q 'thr is for Windows on x64' "$work/arm64.log" ||
+        { cat "$work/arm64.log" && die "the package does not refuse ARM64, see above"; }
+}
+
+build_programs()
+{
+    say "building programs and examples against the package"
+    build "$programs" "$work/programs"
+    build "$prefix/share/doc/thr/examples" "$work/examples"
+    build_by_meson
+    build_by_hand
+    refuse_another_processor
+}
+
 run_programs()
 {
     local example program
     say "running them"
-    use_prefix "$root/build/wine"
+    share_wine
     export WINEPATH="Z:${prefix//\//\\}\\bin"
-    run_program 0 "$work/programs/consumer_c.exe" | tail -n 1
-    run_program 0 "$work/consumer_thr_lib.exe" | tail -n 1
-    run_program 0 "$work/programs/consumer_cpp.exe" | tail -n 1
+    for program in programs/consumer_c programs/consumer_cpp meson/consumer_c meson/consumer_cpp \
+        consumer_pkg_config consumer_thr_lib; do
+        run_program 0 "$work/$program.exe" | tail -n 1
+    done
     run_program 42 "$work/other_linker.exe"
     for example in "$prefix"/share/doc/thr/examples/*/; do
         program=$work/examples/bin/$(basename "$example").exe
@@ -216,7 +254,7 @@ run_programs()
 
 check_package()
 {
-    with_lock windows-build install_package
+    unpack_package
     say "compiling the headers by themselves"
     check_headers < <(header_cases) || die "a header does not compile by itself, see above"
     build_programs
@@ -225,5 +263,5 @@ check_package()
 }
 
 "$root/scripts/setup.sh"
-build_preset windows
+build_preset windows package
 with_lock consumers check_package
