@@ -1,4 +1,4 @@
-# What cmake --install and the packages hold, and the targets docs and package.
+# What cmake --install and the packages hold, and the targets docs, package and test-bundle.
 
 # --- import libraries ---------------------------------------------------------------------------
 
@@ -173,3 +173,32 @@ if(TARGET docs)
   list(APPEND outputs docs)
 endif()
 add_package(package ${package_name} Unspecified ${outputs})
+
+# --- test bundle --------------------------------------------------------------------------------
+
+# All programs, and run_tests.cmd, for a machine that has nothing else of this project.
+if(TARGET test_support)
+  set(in_bundle COMPONENT tests EXCLUDE_FROM_ALL)
+  set(programs thr ${examples})
+  foreach(folder tests bench)
+    programs_below(more ${folder})
+    list(APPEND programs ${more})
+  endforeach()
+  foreach(program ${programs})
+    get_target_property(folder ${program} RUNTIME_OUTPUT_DIRECTORY)
+    file(RELATIVE_PATH folder ${CMAKE_RUNTIME_OUTPUT_DIRECTORY} ${folder})
+    install(PROGRAMS $<TARGET_FILE:${program}> DESTINATION bin/${folder} ${in_bundle})
+  endforeach()
+  install(FILES $<TARGET_FILE_DIR:thr>/thr.pdb DESTINATION bin OPTIONAL ${in_bundle})
+  install(PROGRAMS ${THR_RUNTIME_DLLS} DESTINATION bin ${in_bundle})
+  install_licenses(DESTINATION licenses ${in_bundle})
+
+  get_property(tests DIRECTORY tests PROPERTY TESTS)
+  list(JOIN tests "\n" tests)
+  file(WRITE ${PROJECT_BINARY_DIR}/bundle/programs.txt "${tests}\n")
+  configure_file(scripts/run_tests.cmd bundle/run_tests.cmd @ONLY NEWLINE_STYLE CRLF)
+  install(FILES ${PROJECT_BINARY_DIR}/bundle/programs.txt
+                ${PROJECT_BINARY_DIR}/bundle/run_tests.cmd DESTINATION . ${in_bundle})
+  install(FILES docs/windows.md DESTINATION . RENAME README.md ${in_bundle})
+  add_package(test-bundle ${package_name}-tests tests ${programs} fixtures thr_runtime)
+endif()
