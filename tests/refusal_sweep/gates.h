@@ -1,6 +1,6 @@
 // Gates in front of the imports of thr.dll: each call can be let through, counted or refused.
-#ifndef THR_TESTS_GATES_H
-#define THR_TESTS_GATES_H
+#ifndef THR_TESTS_SWEEP_GATES_H
+#define THR_TESTS_SWEEP_GATES_H
 
 #include <string>
 #include <vector>
