@@ -1,16 +1,14 @@
 // The named pipes of thr.dll, among processes and call by call.
-#include "support/child.h"
 #include "support/import_patch.h"
 #include "support/recorders.h"
+#include "support/scene.h"
 
 #include "thr/thr_classes.h"
 
 #include <array>
 #include <cstring>
-#include <map>
 #include <set>
 #include <sstream>
-#include <tuple>
 
 #include <gtest/gtest.h>
 
@@ -19,71 +17,55 @@ namespace
 
 using Pipe = THR_NAMED_PIPE;
 
-const std::map<std::string, bool (Pipe::*)()> ORDERS = {
+const std::pair<const char *, bool (Pipe::*)()> FUNCTIONS[] = {
     {"create", &Pipe::create},       {"create_r", &Pipe::create_r}, {"connect", &Pipe::connect},
     {"connect_r", &Pipe::connect_r}, {"open", &Pipe::open},         {"open_w", &Pipe::open_w},
     {"close", &Pipe::close},         {"remove", &Pipe::remove}};
 
-// Obeys orders one after the other, and answers with each result, or the bytes that came. An order
-// is a function. One reads 5 bytes, peeks at 3, writes the next word, and "-" is no byte.
-std::string obey(Pipe &pipe, const std::string &orders)
+// Obeys with a pipe, which reads 5 bytes, peeks at 3, and writes the next word; "-" is no byte.
+std::string obey(Pipe &pipe, const std::string &line)
 {
-    std::string answers, order, text;
-    for (std::istringstream words(orders); words >> order; answers += " ") {
-        char bytes[5];
-        if (order == "write") {
-            words >> text;
-            answers += std::to_string(pipe.write(text.data(), text == "-" ? 0 : text.size()));
-        } else if (order == "read" || order == "peek") {
-            const int count = order == "read" ? pipe.read(bytes, 5) : pipe.peek(bytes, 3);
-            answers += count < 0 ? "-1" : "'" + std::string(bytes, count) + "'";
-        } else if (order == "error") {
-            answers += std::to_string(pipe.get_error());
-        } else if (order == "name") {
-            answers += pipe.get_name() ? pipe.get_name() : "-";
-        } else {
-            answers += (pipe.*ORDERS.at(order))() ? "1" : "0";
-        }
-    }
-    return answers.substr(0, answers.size() - 1);
+    auto bytes = [](int count, const char *bytes) {
+        return count < 0 ? "-1" : "'" + std::string(bytes, count) + "'";
+    };
+    char text[8];
+    support::Orders orders = {
+        {"read", [&](auto &) { return bytes(pipe.read(text, 5), text); }},
+        {"peek", [&](auto &) { return bytes(pipe.peek(text, 3), text); }},
+        {"write",
+         [&](auto &words) {
+             words >> text;
+             return pipe.write(text, *text == '-' ? 0 : strlen(text));
+         }},
+        {"error", [&](auto &) { return pipe.get_error(); }},
+        {"name", [&](auto &) { return std::string(pipe.get_name() ? pipe.get_name() : "-"); }}};
+    for (const auto &[name, function] : FUNCTIONS)
+        orders[name] = [&, f = function](auto &) { return (pipe.*f)(); };
+    return support::obey(orders, line);
 }
 
 ROLE(obeys)
 {
     Pipe pipe("pipe");
-    while (auto orders = support::hear())
-        support::say(obey(pipe, *orders));
+    while (auto line = support::hear())
+        support::say(obey(pipe, *line));
     return 0;
 }
 
 TEST(NamedPipe, CarriesMessagesBetweenProcesses)
 {
-    support::Child server("obeys"), client("obeys");
-    // the orders, none for what still runs, and the answers, or dots while it does
-    const std::tuple<support::Child &, std::string, std::string> steps[] = {
-        {client, "open error", "0 2"},
-        {server, "create", "1"},
-        {server, "connect", "..."},
-        {client, "open_w error open", "0 5 1"},
-        {server, "", "1"},
-        {server, "connect error read error write 01234", "1 535 -1 5 5"},
-        {client, "peek read", "'012' '01234'"},
-        {server, "write abcdef remove", "..."},
-        {client, "read read read close", "'abcde' 'f' -1 1"},
-        {server, "", "6 1"},
-        // A server reads message by message, and never waits.
-        {server, "create_r read error connect connect_r", "1 -1 536 0 0"},
-        {client, "open_w write 01234 write abcdef write -", "1 5 6 0"},
-        {server, "connect_r connect peek read error", "1 1 '012' '01234' 535"},
-        {server, "read error read read read error peek", "'abcde' 234 'f' '' -1 232 ''"},
-        {client, "close", "1"},
-        {server, "read error remove", "-1 109 1"}};
-    for (const auto &[who, orders, answers] : steps) {
-        if (!orders.empty())
-            who.write_line(orders);
-        const DWORD patience = answers == "..." ? 50 : support::PATIENCE_MS;
-        ASSERT_EQ(who.read_line(patience).value_or("..."), answers) << orders;
-    }
+    support::Scene scene([](const std::string &) { return support::new_process("obeys"); });
+    scene.play("client open error = 0 2; server create = 1; server connect;"
+               "client open_w error open = 0 5 1; server = 1;"
+               "server connect error read error write 01234 = 1 535 -1 5 5;"
+               "client peek read = '012' '01234'; server write abcdef remove;"
+               "client read read read close = 'abcde' 'f' -1 1; server = 6 1;"
+               // A server reads message by message, and never waits.
+               "server create_r read error connect connect_r = 1 -1 536 0 0;"
+               "client open_w write 01234 write abcdef write - = 1 5 6 0;"
+               "server connect_r connect peek read error = 1 1 '012' '01234' 535;"
+               "server read error read read read error peek = 'abcde' 234 'f' '' -1 232 '';"
+               "client close = 1; server read error remove = -1 109 1");
 }
 
 // --- call by call -------------------------------------------------------------------------------
@@ -140,9 +122,8 @@ TEST(NamedPipe, AsksForWhatItNeedsAndForgetsReleasedHandles)
     // The name, the outcomes, the orders, the answers, and the calls until the pipe's end. Wine
     // gives a name to a second server too, so that only what is asked for can be seen.
     const std::array<std::string, 5> cases[] = {
-        {"", "", "open error write x error open_w read error", "0 2 -1 6 0 -1 6", ""},
-        {"", "", "open peek error open close error name", "0 -1 6 0 0 6 -", "x! "},
-        {"", "", "open connect error open remove error", "0 0 6 0 0 6", "c! f! d! "},
+        {"", "", "open error write x error open_w peek error", "0 2 -1 6 0 -1 6", ""},
+        {"", "", "open connect error open remove error name", "0 0 6 0 0 6 -", "c! f! d! "},
         {"", "123", "create error remove", "0 123 0", "mvpipe0 f! d! f! d! "},
         {"", all_refused, "create error name", "0 5 -", all_tried + "f! d! "},
         {"", "5 5", "create_r error name close create name", "1 5 vpipe2 1 1 vpipe0",
