@@ -70,6 +70,8 @@ HANDLE create(LPCWSTR path, DWORD access, DWORD share, SECURITY_ATTRIBUTES *secu
     const bool is_of_semaphore = wcsstr(path, L".rdr.flock") || wcsstr(path, L".wtr.flock");
     if (is_of_semaphore && !is_held(".cri.mtx.flock"))
         support::say("not under the atomic lock");
+    if (security->bInheritHandle)
+        support::say("inherited by a child");
     const std::wstring suffix(gates.refused.begin(), gates.refused.end());
     const bool is_one = path + wcslen(path) - suffix.size() == suffix;
     if (!is_one || gates.let_through-- > 0 || gates.refusals-- <= 0)
@@ -177,12 +179,12 @@ TEST(IpLocks, WithoutADirectoryCantBeTaken)
 {
     ScratchDir scratch;
     const std::string directory = scratch.file("d"), path = directory + "/db";
-    THR_IP_MUTEX mutex = thr_ip_mutex_create(path.c_str());
+    THR_IP_MUTEX bad = thr_ip_mutex_create(path.c_str());
     THR_IP_MUTEX_OBJ object(path.c_str());
     CreateDirectoryA(directory.c_str(), nullptr);
-    EXPECT_FALSE(thr_ip_mutex_is_good(mutex) || thr_ip_mutex_lock(mutex) || object.try_lock());
+    EXPECT_FALSE(thr_ip_mutex_is_good(bad) || thr_ip_mutex_lock(bad) || object.try_lock());
     EXPECT_FALSE(THR_IP_SCOPED_MUTEX(&object).was_lock_successful());
-    thr_ip_mutex_destroy(mutex);
+    thr_ip_mutex_destroy(bad);
 }
 
 // --- mutex --------------------------------------------------------------------------------------

@@ -59,7 +59,7 @@ Actor new_process(const std::string &role, const RoleArgs &args)
     };
     auto answer = [child] {
         const std::optional<std::string> line = child->read_line();
-        return line ? *line : "ended " + std::to_string(child->wait().value_or(STILL_ACTIVE));
+        return line ? *line : "ended " + std::to_string(child->wait(5000).value_or(STILL_ACTIVE));
     };
     return {tell, answer};
 }
