@@ -125,7 +125,7 @@ ROLE(obeys)
 
 // A directory whose path is longer than Windows once allowed, and processes that use the mutex and
 // the semaphore "db" in it. A process whose name is longer than a letter uses those of its name:
-// "db.cri" and "db.wri" are the mutexes of the semaphore "db".
+// "other" is long, and "db.cri" and "db.wri" are the mutexes of the semaphore "db".
 class Stage : ScratchDir, public support::Scene
 {
 public:
@@ -142,7 +142,7 @@ private:
     {
         const std::wstring path = m_directory.substr(4) + L"\\";
         std::string plain(path.begin(), path.end());
-        plain += who.size() == 1 ? "db" : who;
+        plain += who.size() == 1 ? "db" : who == "other" ? std::string(220, 'o') : who;
         std::string slashed = plain;
         slashed[plain.find("\\with")] = '/'; // behind it, backslashes do not split
         return support::new_process("obeys", {who == "L" ? plain : slashed, plain});
@@ -242,20 +242,20 @@ TEST(IpRwSem, ServesReadersTogetherAndWritersBeforeLaterReaders)
         EXPECT_EQ(GetFileAttributesW(stage.path(file).c_str()), INVALID_FILE_ATTRIBUTES);
     CloseHandle(no_lock_file);
     stage.play("L read end_read; L 500 = waits; A end_read = 1;"
-               "W 100 = waits;" // whichever semaphore in the directory it is that is read
-               "other end_read = 1; W = 1; other try_read = 0; L 100 = waits;"
+               "W 30 = waits;" // whichever semaphore in the directory it is that is read
+               "other end_read = 1; W = 1; other try_read = 0; L 30 = waits;"
                "W try_read end_write = 0 1; L = 1 1;"
                "db.wri lock = 1; A try_write = 0;"
-               "db.cri lock = 1; A try_read; A 300 = waits; db.cri kill = ended 197; A = 1");
+               "db.cri lock = 1; A try_read; A 50 = waits; db.cri kill = ended 197; A = 1");
 }
 
 TEST(IpRwSem, PassesOnWhatAnEndedProcessOrADestroyedRecordHeldOrAnnounced)
 {
-    Stage().play("K read = 1; A write; A 300 = waits; R try_read = 0; A kill = ended 197;"
-                 "R read read = 1 1; W write; W 300 = waits; K kill = ended 197; W 100 = waits;"
+    Stage().play("K read = 1; A write; A 50 = waits; R try_read = 0; A kill = ended 197;"
+                 "R read read = 1 1; W write; W 50 = waits; K kill = ended 197; W 30 = waits;"
                  "R destroy = 1; W = 1; X write write; X 500 = waits;"
                  "L try_read try_write = 0 0;" // the atomic lock is free
-                 "L read; L 300 = waits; W kill = ended 197; X = 1 1; L 100 = waits;"
+                 "L read; L 50 = waits; W kill = ended 197; X = 1 1; L 30 = waits;"
                  "X destroy = 1; L = 1");
 }
 
@@ -284,7 +284,7 @@ TEST(IpRwSem, TakesAgainWhatIsRefusedForAMomentAndEndsWhenItStaysRefused)
         who[0]++;
     }
     stage.play("W refuse .wri.mtx.flock 0 1 try_write try_write = 1 0 1;"
-               "A refuse .cri.mtx.flock 1 100 read end_read; A 100 = waits;"
+               "A refuse .cri.mtx.flock 1 100 read end_read; A 30 = waits;"
                "W end_write = 1; A = 1 1 1;" +
                others_go_on);
 }

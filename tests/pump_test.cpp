@@ -5,8 +5,10 @@
 
 #include <atomic>
 #include <cstdint>
+#include <string>
 #include <thread>
 #include <tuple>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -16,12 +18,6 @@ namespace
 const UINT SIGN = WM_APP + 1; // a message that carries a character
 std::string handled;          // the characters of the messages dispatched
 
-void forget(THR_EVENT &event)
-{
-    if (THR_EVENT old = std::exchange(event, nullptr))
-        thr_event_destroy(old);
-}
-
 // Its handling of the sign 'S' posts the exit event, and of 'D' destroys it.
 LRESULT CALLBACK window_proc(HWND window, UINT message, WPARAM wparam, LPARAM lparam)
 {
@@ -30,17 +26,8 @@ LRESULT CALLBACK window_proc(HWND window, UINT message, WPARAM wparam, LPARAM lp
     if (wparam == 'S')
         thr_win32_post_pump_exit_event();
     else if (wparam == 'D')
-        forget(thr_win32_pump_exit_event);
+        thr_event_destroy(std::exchange(thr_win32_pump_exit_event, nullptr));
     return DefWindowProcA(window, message, wparam, lparam);
-}
-
-// Takes what is in the queue: signs, and a quit by its code.
-std::string drain()
-{
-    std::string left;
-    for (MSG message; PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE);)
-        left += static_cast<char>(message.wParam);
-    return left;
 }
 
 // Stands in for the look at the queue. The looks have an end, and a key that was only looked at is
@@ -52,14 +39,13 @@ BOOL WINAPI look(MSG *message, HWND window, UINT first, UINT last, UINT how)
     MSG key;
     if (--looks_left < 0 || !PeekMessageA(message, window, first, last, how))
         return FALSE;
-    if (message->message == WM_KEYDOWN)
-        PeekMessageA(&key, window, WM_KEYDOWN, WM_KEYDOWN, PM_REMOVE);
-    return TRUE;
+    return message->message != WM_KEYDOWN ||
+           PeekMessageA(&key, window, WM_KEYDOWN, WM_KEYDOWN, PM_REMOVE) + 1;
 }
 
 // Posts a message for each character, but 'x' is the exit event, 'q' a quit with this code, and 'A'
-// a key. Pumps. Returns the result, what is handled, and, behind a line, what is left and whether
-// the exit still waits. A pump that waits for a message gets one from a timer.
+// a key. Pumps. Returns the result, what is handled, and, behind a line, what is left, a quit by
+// its code, and whether the exit still waits. A pump that waits gets a message from a timer.
 std::string pump(const std::string &posted, uint64_t limit)
 {
     static const HWND window =
@@ -77,10 +63,13 @@ std::string pump(const std::string &posted, uint64_t limit)
     support::ImportPatch patch("PeekMessageA", look);
     handled.clear();
     looks_left = 100;
-    const std::string result = std::to_string(thr_win32_pump_messages(limit)) + " " + handled + "|";
+    std::string result = std::to_string(thr_win32_pump_messages(limit));
     EXPECT_GE(looks_left, 0);
+    result += " " + handled + "|";
     KillTimer(window, 1);
-    return result + drain() + (thr_event_is_posted(thr_win32_pump_exit_event) ? "x" : "");
+    for (MSG message; PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE);)
+        result += static_cast<char>(message.wParam);
+    return result + (thr_event_is_posted(thr_win32_pump_exit_event) ? "x" : "");
 }
 
 TEST(Pump, StopsAtItsLimitAtTheExitAndAtAQuit)
@@ -103,7 +92,7 @@ TEST(Pump, StopsAtItsLimitAtTheExitAndAtAQuit)
     for (auto &[posted, limit, result] : cases)
         EXPECT_EQ(pump(posted, limit), result);
     thr_win32_pump_exit_retcode = 95134;
-    forget(thr_win32_pump_exit_event);
+    thr_event_destroy(std::exchange(thr_win32_pump_exit_event, nullptr));
 }
 
 TEST(Pump, HooksPumpInItsPlaceAndOnTheMainThreadAlone)
@@ -111,16 +100,14 @@ TEST(Pump, HooksPumpInItsPlaceAndOnTheMainThreadAlone)
     EXPECT_EQ(thr_qt_process_events() + thr_qt_post_exit_event(), 0u);
     handled.clear();
     thr_qt_set_process_event_func([] { handled += thr_qt_exit_event ? "Qt" : "too soon"; });
-    auto *pump_hook = +[](uint64_t limit) { return thr_win32_pump_exit_event ? limit * 3 : limit; };
-    std::thread([&] {
-        drain(); // gives the thread its queue
+    std::thread([] {
         PostThreadMessageA(GetCurrentThreadId(), SIGN, '4', 0);
-        for (auto *hook : {THR_WIN32_PUMP_FUNC{}, pump_hook}) {
-            thr_win32_set_msg_pump_func(hook);
-            EXPECT_EQ(thr_win32_pump_messages(6), 0u);
-        }
+        EXPECT_EQ(thr_win32_pump_messages(6), 0u);
+        thr_win32_set_msg_pump_func(
+            [](uint64_t limit) { return thr_win32_pump_exit_event ? limit * 3 : limit; });
+        EXPECT_EQ(thr_win32_pump_messages(6), 0u);
         EXPECT_EQ(thr_qt_process_events(), 95134u);
-        EXPECT_EQ(drain(), "4");
+        EXPECT_NE(GetQueueStatus(QS_POSTMESSAGE), 0u) << "the message is left";
     }).join();
     EXPECT_TRUE(handled.empty() && !thr_win32_pump_exit_event && !thr_qt_exit_event);
 
@@ -131,36 +118,30 @@ TEST(Pump, HooksPumpInItsPlaceAndOnTheMainThreadAlone)
     EXPECT_EQ(pump("1", 1ull << 40), std::to_string(3ull << 40) + " |1");
     thr_win32_set_msg_pump_func(nullptr);
     thr_qt_set_process_event_func(nullptr);
-    forget(thr_win32_pump_exit_event);
-    forget(thr_qt_exit_event);
-
+    thr_event_destroy(std::exchange(thr_win32_pump_exit_event, nullptr));
+    thr_event_destroy(std::exchange(thr_qt_exit_event, nullptr));
     EXPECT_EQ(thr_win32_get_registered_message("thr"), RegisterWindowMessageA("thr"));
     EXPECT_EQ(thr_win32_is(), 1);
 }
 
-std::atomic<int> created, closed;
-
-// Lets two threads come as far as the creation, if the library lets them.
-HANDLE created_together(SECURITY_ATTRIBUTES *, BOOL manual, BOOL posted, const char *)
-{
-    ++created;
-    for (int ms = 0; created < 2 && ms < 5000; ++ms)
-        Sleep(1);
-    return CreateEventA(nullptr, manual, posted, nullptr);
-}
-
+// Two threads come together as far as the creation, if the library lets them.
 TEST(Pump, AnEventMadeByTwoThreadsAtOnceIsOneEvent)
 {
-    created = closed = 0;
-    auto counted_close = [](HANDLE handle) { return ++closed, CloseHandle(handle); };
-    support::ImportPatch create("CreateEventA", &created_together);
-    support::ImportPatch close("CloseHandle", +counted_close);
+    static std::atomic<int> created, closed;
+    auto create = [](SECURITY_ATTRIBUTES *security, BOOL manual, BOOL posted, const char *name) {
+        ++created;
+        for (int tries = 0; created < 2 && tries < 5000; ++tries)
+            Sleep(1);
+        return CreateEventA(security, manual, posted, name);
+    };
+    auto close = [](HANDLE handle) { return ++closed, CloseHandle(handle); };
+    support::ImportPatch creating("CreateEventA", +create), closing("CloseHandle", +close);
     std::thread other(thr_win32_post_pump_exit_event);
     thr_win32_post_pump_exit_event();
     other.join();
     EXPECT_EQ(created - closed, 1);
     EXPECT_EQ(thr_event_is_posted(thr_win32_pump_exit_event), 1);
-    forget(thr_win32_pump_exit_event);
+    thr_event_destroy(std::exchange(thr_win32_pump_exit_event, nullptr));
 }
 
 } // namespace
