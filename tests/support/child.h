@@ -26,7 +26,7 @@ namespace support
 {
 
 // The longest that anything waits for a child: far more than it ever needs.
-const DWORD PATIENCE_MS = 60000;
+const DWORD PATIENCE_MS = 20000;
 
 using RoleArgs = std::vector<std::string>;
 using RoleFunc = int (*)(const RoleArgs &args);
