@@ -1,5 +1,6 @@
 // What attaching the library to a process takes by itself, in a DLL that does nothing else: a
-// thread slot, two blocks of memory, a lock, an environment variable and the executable's path.
+// thread slot, three blocks of memory, five locks, an environment variable and the executable's
+// path.
 #include <cstdlib>
 #include <cstring>
 
@@ -9,13 +10,17 @@ namespace
 {
 
 DWORD slot;
-void *main_record;
+DWORD *main_record;
+CRITICAL_SECTION locks[4];
 CRITICAL_SECTION *handler_section;
 char *debug_setting;
 
 void start_up()
 {
-    main_record = calloc(1, 64);
+    for (CRITICAL_SECTION &lock : locks)
+        InitializeCriticalSection(&lock);
+    main_record = static_cast<DWORD *>(calloc(1, 64));
+    *main_record = GetCurrentThreadId();
     slot = TlsAlloc();
     TlsSetValue(slot, main_record);
     handler_section = static_cast<CRITICAL_SECTION *>(calloc(1, sizeof(CRITICAL_SECTION)));
@@ -24,17 +29,22 @@ void start_up()
         debug_setting = _strdup(setting);
     char path[261] = {};
     GetModuleFileNameA(GetModuleHandleA(nullptr), path, 260);
-    if (strstr(path, "\\velkora\\"))
+    char *directory = _strdup(path);
+    if (directory && strstr(directory, "\\velkora\\"))
         SetDllDirectoryA(nullptr);
+    free(directory);
 }
 
 void shut_down()
 {
-    free(debug_setting);
+    if (debug_setting)
+        free(debug_setting);
     DeleteCriticalSection(handler_section);
     free(handler_section);
     TlsFree(slot);
     free(main_record);
+    for (CRITICAL_SECTION &lock : locks)
+        DeleteCriticalSection(&lock);
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 #include <boost/interprocess/sync/file_lock.hpp>
 
 #include <fstream>
+#include <stdexcept>
 
 namespace bench
 {
@@ -36,12 +37,8 @@ void ip_mutex_rows(Report &report, const std::string &directory)
     DeleteFileA(file.c_str());
 }
 
-} // namespace
-
-void interprocess_rows(Report &report, const std::string &directory)
+void ip_rw_sem_rows(Report &report, const std::string &directory)
 {
-    report.part("between processes");
-    ip_mutex_rows(report, directory);
     THR_IP_RW_SEM sem = thr_ip_rw_sem_create((directory + "\\sem").c_str());
     raw::IpRwSem raw_sem(directory + "/raw_sem");
     report.row({"ip rw sem read lock+unlock", 1.08,
@@ -50,7 +47,33 @@ void interprocess_rows(Report &report, const std::string &directory)
     report.row({"ip rw sem write lock+unlock", 1.08,
                 repeat([=] { thr_ip_rw_sem_write_lock(sem), thr_ip_rw_sem_write_unlock(sem); }),
                 repeat([&] { raw_sem.write_lock(), raw_sem.write_unlock(); })});
+
+    // a writer that tries and finds reader files, as of so many other processes
+    std::vector<HANDLE> readers;
+    for (int count : {1, 10, 100}) {
+        while (static_cast<int>(readers.size()) < count) {
+            std::string number = std::to_string(readers.size());
+            readers.push_back(
+                raw::take_lock_file((directory + "/other." + number + ".rdr.flock").c_str()));
+            if (readers.back() == INVALID_HANDLE_VALUE)
+                throw std::runtime_error("can't make a reader file");
+        }
+        report.row({"ip rw sem write try-lock, " + std::to_string(count) + " readers", 1.08,
+                    repeat([=] { thr_ip_rw_sem_write_try_lock(sem); }),
+                    repeat([&] { raw_sem.write_try_lock(); })});
+    }
+    for (HANDLE file : readers)
+        CloseHandle(file);
     thr_ip_rw_sem_destroy(sem);
+}
+
+} // namespace
+
+void interprocess_rows(Report &report, const std::string &directory)
+{
+    report.part("between processes");
+    ip_mutex_rows(report, directory);
+    ip_rw_sem_rows(report, directory);
 }
 
 } // namespace bench

@@ -2,41 +2,36 @@
 #include "rows.h"
 
 #include <cstdio>
-#include <cstring>
 #include <stdexcept>
 
 namespace
 {
 
 const char USAGE[] =
-    "Usage: thr_bench [--quick] [--only TEXT] [--json FILE]\n"
+    "Usage: thr_bench [--quick | --calls] [--only TEXT]\n"
     "\n"
     "  --quick      short measurements: the whole run takes less than a minute\n"
-    "  --only TEXT  measures only the rows with this text in their names\n"
-    "  --json FILE  also writes the results to this file\n"
+    "  --calls      counts the platform calls and measures nothing\n"
+    "  --only TEXT  takes only the rows with this text in their names\n"
     "\n"
-    "Ends with 1 when a goal is missed or an operation makes other calls than its\n"
-    "steps prescribe, with 2 when a measurement could not be made.\n";
+    "Ends with 1 when a goal is missed or an operation makes other calls than the\n"
+    "raw one, with 2 when a row could not be made.\n";
 
 struct Options {
-    bool is_help = false;
-    bool is_quick = false;
+    bench::Mode mode = bench::Mode::FULL;
     std::string only;
-    std::string json;
 };
 
 Options options_of(const std::vector<std::string> &args)
 {
     Options options;
     for (size_t index = 0; index < args.size(); ++index) {
-        if (args[index] == "--help")
-            options.is_help = true;
-        else if (args[index] == "--quick")
-            options.is_quick = true;
+        if (args[index] == "--quick")
+            options.mode = bench::Mode::QUICK;
+        else if (args[index] == "--calls")
+            options.mode = bench::Mode::CALLS;
         else if (args[index] == "--only" && index + 1 < args.size())
             options.only = args[++index];
-        else if (args[index] == "--json" && index + 1 < args.size())
-            options.json = args[++index];
         else
             throw std::invalid_argument("unknown argument " + args[index] + "\n" + USAGE);
     }
@@ -73,32 +68,19 @@ std::string own_folder()
     return path.substr(0, path.rfind('\\'));
 }
 
-void count_calls(bench::Report &report, const std::string &directory, const std::string &folder)
-{
-    bench::CountedScene scene(directory, "\"" + folder + "\\thr_bench_child.exe\"");
-    bench::CallCounter counter;
-    for (const bench::CountedOperation &operation : scene.operations())
-        report.calls(operation, counter.count(operation));
-}
-
 // False when the library is not as it should be.
 bool run(const Options &options)
 {
     Scratch scratch;
-    std::string folder = own_folder();
-    bench::Report report(options.is_quick, options.only);
+    bench::Report report(options.mode, options.only);
     bench::sync_rows(report);
     bench::thread_rows(report);
     bench::interprocess_rows(report, scratch.path());
-    bench::process_rows(report, scratch.path(), folder);
-    bench::growth_rows(report, scratch.path());
+    bench::hand_over_rows(report, scratch.path());
+    bench::process_rows(report, scratch.path(), own_folder());
     bench::wrapper_rows(report);
-    count_calls(report, scratch.path(), folder);
     bench::removal_rows(report, scratch.path());
-    bool is_good = report.summary();
-    if (!options.json.empty())
-        report.write_json(options.json);
-    return is_good;
+    return report.summary();
 }
 
 } // namespace
@@ -110,11 +92,9 @@ int main(int argc, char **argv)
     try {
         if (!args.empty() && args[0] == "--wait-in-line")
             return bench::wait_in_line({args.begin() + 1, args.end()});
-        Options options = options_of(args);
-        if (!options.is_help)
-            return run(options) ? 0 : 1;
-        printf("%s", USAGE);
-        return 0;
+        if (!args.empty() && args[0] == "--help")
+            return printf("%s", USAGE) < 0;
+        return run(options_of(args)) ? 0 : 1;
     } catch (const std::exception &error) {
         fflush(stdout);
         fprintf(stderr, "thr_bench: %s\n", error.what());

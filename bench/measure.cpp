@@ -47,10 +47,9 @@ double seconds(int64_t ticks)
 
 // --- threads ------------------------------------------------------------------------------------
 
-Crew::Crew(int size)
+void Crew::gather()
 {
-    m_members.resize(size);
-    for (int number = 0; number < size; ++number) {
+    for (int number = 0; number < size(); ++number) {
         Member &member = m_members[number];
         member.m_start = make_event();
         member.m_done = make_event();
@@ -60,6 +59,8 @@ Crew::Crew(int size)
 
 Crew::~Crew()
 {
+    if (!m_members[0].m_start)
+        return;
     start({});
     for (Member &member : m_members) {
         member.m_thread.join();
@@ -82,6 +83,8 @@ void Crew::serve(int number)
 
 void Crew::start(const std::function<void(int)> &work)
 {
+    if (!m_members[0].m_start)
+        gather();
     m_work = work;
     for (Member &member : m_members)
         SetEvent(member.m_start);
@@ -119,11 +122,11 @@ namespace
 {
 
 // How many operations take about that long.
-int batch_size(const Batch &run, double batch_seconds)
+int batch_size(const Batch &batch, double batch_seconds)
 {
     int count = 1;
-    run(count); // what happens once only
-    while (count < 1000000 && seconds(run(count)) < batch_seconds)
+    batch.run(count); // what happens once only
+    while (count < 1000000 && seconds(batch.run(count)) < batch_seconds)
         count *= 2;
     return count;
 }
@@ -148,7 +151,7 @@ Measurement measure(const Operation &operation, double budget_seconds)
     std::vector<size_t> order;
     for (size_t index = 0; index < runs.size(); ++index) {
         order.push_back(index);
-        runs[index](count); // warm
+        runs[index].run(count); // warm
     }
 
     std::vector<std::vector<double>> times(runs.size());
@@ -159,7 +162,7 @@ Measurement measure(const Operation &operation, double budget_seconds)
            (rounds < MOST_ROUNDS && seconds(now() - start) < budget_seconds)) {
         std::shuffle(order.begin(), order.end(), random);
         for (size_t index : order)
-            times[index].push_back(seconds(runs[index](count)) / count);
+            times[index].push_back(seconds(runs[index].run(count)) / count);
         ++rounds;
     }
 

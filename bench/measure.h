@@ -18,24 +18,29 @@ namespace bench
 int64_t now(); // in ticks
 double seconds(int64_t ticks);
 
-// Does an operation so many times and returns the ticks that it took.
-using Batch = std::function<int64_t(int count)>;
+// An operation, as it is measured and as it is counted.
+struct Batch {
+    std::function<int64_t(int count)> run; // does it so many times; the ticks that it took
+    std::function<void()> once;            // with calls that no chance changes
+};
 
 template <class Op> Batch repeat(Op op)
 {
-    return [op](int count) {
+    auto run = [op](int count) {
         int64_t start = now();
         for (int done = 0; done < count; ++done)
             op();
         return now() - start;
     };
+    return {run, op};
 }
 
-// Threads that are there before the clock starts.
+// Threads that are there before the clock starts; the first start makes them, so that a count before
+// it meets none.
 class Crew
 {
 public:
-    explicit Crew(int size);
+    explicit Crew(int size) : m_members(size) {}
     ~Crew();
     Crew(const Crew &) = delete;
     Crew &operator=(const Crew &) = delete;
@@ -49,10 +54,11 @@ public:
 
 private:
     struct Member {
-        HANDLE m_start;
-        HANDLE m_done;
+        HANDLE m_start = nullptr;
+        HANDLE m_done = nullptr;
         std::thread m_thread;
     };
+    void gather();
     void serve(int number);
 
     std::vector<Member> m_members;
@@ -71,20 +77,36 @@ template <class Op> int64_t run_crew(Crew &crew, Op op, int each)
     return now() - start;
 }
 
-// The members share the operations evenly.
-template <class Op> Batch together(Crew &crew, Op op)
+// The members share the operations evenly, each of which has so many parts: a part is measured. Once
+// is one after another, so that none meets another.
+template <class Op> Batch together(Crew &crew, Op op, int parts = 1)
 {
-    return [&crew, op](int count) {
+    auto run = [&crew, op, parts](int count) {
         int each = (count + crew.size() - 1) / crew.size();
-        return run_crew(crew, op, each) * count / (each * crew.size());
+        return run_crew(crew, op, each) * count / (each * crew.size() * parts);
     };
+    auto once = [&crew, op] {
+        for (int member = 0; member < crew.size(); ++member)
+            op(member);
+    };
+    return {run, once};
 }
 
-// Each operation takes all members: one of them alone would wait.
+// Each operation takes both members: one of them alone would wait. Once is without the crew, whose
+// own calls come at any time.
 template <class Op> Batch in_step(Crew &crew, Op op)
 {
-    return [&crew, op](int count) { return run_crew(crew, op, count); };
+    auto run = [&crew, op](int count) { return run_crew(crew, op, count); };
+    auto once = [op] {
+        std::thread other([op] { op(1); });
+        op(0);
+        other.join();
+    };
+    return {run, once};
 }
+
+const double BATCH = 0.0005;        // seconds
+const double THREADS_BATCH = 0.004; // the start of the threads must not count
 
 struct Variant {
     std::string name;
@@ -97,7 +119,7 @@ struct Operation {
     Batch library;
     Batch raw;
     std::vector<Variant> others = {}; // what a user might take instead
-    double batch_seconds = 0.0005;
+    double batch_seconds = BATCH;
     std::string below = ""; // the library is to be below this one of them
 };
 

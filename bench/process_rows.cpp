@@ -11,8 +11,6 @@ namespace bench
 namespace
 {
 
-const double STARTS_BATCH = 0.001; // one start is longer than any batch
-
 void expect(bool condition, const char *what)
 {
     if (!condition)
@@ -45,8 +43,9 @@ void run_raw_child(const std::string &program)
     expect(process, "the raw calls can't start a process");
     char text[256];
     DWORD count, code;
-    while (ReadFile(output, text, sizeof text, &count, nullptr))
-        ;
+    do
+        code = ReadFile(output, text, sizeof text, &count, nullptr) ? 0 : GetLastError();
+    while (code == 0);
     WaitForSingleObject(process, INFINITE);
     GetExitCodeProcess(process, &code);
     CloseHandle(process);
@@ -58,26 +57,18 @@ void run_raw_child(const std::string &program)
 
 const int MESSAGE_SIZE = 64;
 
-// Two pipes, one for each way; the far ends are read and written by an echo thread.
-struct PipePair {
-    THR_NAMED_PIPE m_near_server;
-    THR_NAMED_PIPE m_far_server;
-    THR_NAMED_PIPE m_near_client;
-    THR_NAMED_PIPE m_far_client;
+// One way; the server writes.
+struct Pipe {
+    THR_NAMED_PIPE m_server;
+    THR_NAMED_PIPE m_client;
 
-    PipePair()
-        : m_near_client(m_far_server.create() ? m_far_server.get_name() : "none"),
-          m_far_client(m_near_server.create() ? m_near_server.get_name() : "none")
+    Pipe() : m_client(m_server.create() ? m_server.get_name() : "none")
     {
-        expect(m_near_client.open() && m_far_client.open() && m_near_server.connect() &&
-                   m_far_server.connect(),
-               "the named pipes can't be made");
+        expect(m_client.open() && m_server.connect(), "a named pipe can't be made");
     }
-    ~PipePair()
-    {
-        m_near_client.close();
-        m_far_client.close();
-    }
+    ~Pipe() { m_client.close(); }
+    void write(const char *message) { m_server.write(message, MESSAGE_SIZE); }
+    void read(char *message) { m_client.read(message, MESSAGE_SIZE); }
 };
 
 struct RawPipe {
@@ -85,65 +76,51 @@ struct RawPipe {
     HANDLE m_client;
 
     explicit RawPipe(const std::string &name)
-    {
-        m_server = CreateNamedPipeA(name.c_str(), PIPE_ACCESS_OUTBOUND | FILE_FLAG_WRITE_THROUGH,
+        : m_server(CreateNamedPipeA(name.c_str(), PIPE_ACCESS_OUTBOUND,
                                     PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT,
-                                    PIPE_UNLIMITED_INSTANCES, 512, 512, 0, nullptr);
-        m_client = CreateFileA(name.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+                                    PIPE_UNLIMITED_INSTANCES, 512, 512, 0, nullptr)),
+          m_client(CreateFileA(name.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr))
+    {
         ConnectNamedPipe(m_server, nullptr);
-        expect(m_server != INVALID_HANDLE_VALUE && m_client != INVALID_HANDLE_VALUE,
-               "the raw named pipes can't be made");
+        expect(m_client != INVALID_HANDLE_VALUE, "a raw named pipe can't be made");
     }
     ~RawPipe()
     {
         CloseHandle(m_client);
         CloseHandle(m_server);
     }
-    void write(const char *message) const
+    DWORD m_count;
+    void write(const char *message)
     {
-        DWORD count;
-        WriteFile(m_server, message, MESSAGE_SIZE, &count, nullptr);
+        WriteFile(m_server, message, MESSAGE_SIZE, &m_count, nullptr);
     }
-    void read(char *message) const
-    {
-        DWORD count;
-        ReadFile(m_client, message, MESSAGE_SIZE, &count, nullptr);
-    }
+    void read(char *message) { ReadFile(m_client, message, MESSAGE_SIZE, &m_count, nullptr); }
 };
 
-// Members 0 and 1 of the crew are the near and the far end.
-template <class Near, class Far> Batch round_trips(Crew &crew, Near near_end, Far far_end)
+// Member 0 of the crew sends a message and gets it back from member 1.
+template <class OneWay> Batch round_trips(Crew &crew, OneWay &there, OneWay &back)
 {
-    return in_step(crew, [=](int member) {
+    return in_step(crew, [&](int member) {
         char message[MESSAGE_SIZE] = {};
-        member == 0 ? near_end(message) : far_end(message);
+        if (member == 0)
+            there.write(message), back.read(message);
+        else
+            there.read(message), back.write(message);
     });
 }
 
 void pipe_row(Report &report)
 {
-    PipePair pipes;
+    Pipe there, back;
     std::string name = "\\\\.\\pipe\\thr_bench" + std::to_string(GetCurrentProcessId());
-    RawPipe there(name + "there");
-    RawPipe back(name + "back");
+    RawPipe raw_there(name + "there"), raw_back(name + "back");
     Crew crew(2);
     report.row({"named pipe message there and back",
                 1.08,
-                round_trips(
-                    crew,
-                    [&](char *message) {
-                        pipes.m_near_server.write(message, MESSAGE_SIZE);
-                        pipes.m_near_client.read(message, MESSAGE_SIZE);
-                    },
-                    [&](char *message) {
-                        pipes.m_far_client.read(message, MESSAGE_SIZE);
-                        pipes.m_far_server.write(message, MESSAGE_SIZE);
-                    }),
-                round_trips(
-                    crew, [&](char *message) { there.write(message), back.read(message); },
-                    [&](char *message) { there.read(message), back.write(message); }),
+                round_trips(crew, there, back),
+                round_trips(crew, raw_there, raw_back),
                 {},
-                0.004});
+                THREADS_BATCH});
 }
 
 // --- libraries ----------------------------------------------------------------------------------
@@ -173,12 +150,8 @@ void process_rows(Report &report, const std::string &directory, const std::strin
 {
     report.part("processes, libraries, pipes");
     std::string child = "\"" + folder + "\\thr_bench_child.exe\"";
-    report.row({"process start+output+wait",
-                1.10,
-                repeat([=] { run_child(child); }),
-                repeat([=] { run_raw_child(child); }),
-                {},
-                STARTS_BATCH});
+    report.row({"process start+output+wait", 1.10, repeat([=] { run_child(child); }),
+                repeat([=] { run_raw_child(child); })});
     HMODULE library = GetModuleHandleA("thr.dll");
     report.row({"library function lookup", 1.10,
                 repeat([=] { thr_drl_find_function(library, "thr_mutex_create"); }),

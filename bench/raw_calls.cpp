@@ -1,80 +1,124 @@
 #include "raw_calls.h"
 
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <cwchar>
+#include <memory>
+#include <string_view>
 
 namespace raw
 {
 
-HANDLE make_event()
+namespace
 {
-    return CreateEventA(nullptr, TRUE, FALSE, nullptr);
+
+template <class T> T *new_zeroed(size_t count = 1)
+{
+    return static_cast<T *>(calloc(count, sizeof(T)));
+}
+
+} // namespace
+
+CRITICAL_SECTION *make_section()
+{
+    auto *section = new_zeroed<CRITICAL_SECTION>();
+    InitializeCriticalSection(section);
+    return section;
+}
+
+void destroy_section(CRITICAL_SECTION *section)
+{
+    DeleteCriticalSection(section);
+    free(section);
+}
+
+Event *make_event()
+{
+    auto *event = new_zeroed<Event>();
+    event->m_handle = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    return event;
+}
+
+void destroy_event(Event *event)
+{
+    CloseHandle(event->m_handle);
+    free(event);
 }
 
 // --- read-write semaphore -----------------------------------------------------------------------
 
-RwSem::RwSem() : m_no_readers(make_event()), m_no_writers(make_event()), m_readers(0), m_writers(0)
+namespace
 {
-    InitializeCriticalSection(&m_state);
-    InitializeCriticalSection(&m_writer);
-    SetEvent(m_no_readers);
-    SetEvent(m_no_writers);
+
+// With the section held.
+void wait_until_none(CRITICAL_SECTION *section, const int &count, const Event *none)
+{
+    while (count > 0) {
+        LeaveCriticalSection(section);
+        WaitForSingleObject(none->m_handle, INFINITE);
+        EnterCriticalSection(section);
+    }
+}
+
+void add_one(int &count, const Event *none)
+{
+    if (count++ == 0)
+        ResetEvent(none->m_handle);
+}
+
+void subtract_one(int &count, const Event *none)
+{
+    if (--count == 0)
+        SetEvent(none->m_handle);
+}
+
+} // namespace
+
+RwSem::RwSem()
+{
+    SetEvent(m_no_readers->m_handle);
+    SetEvent(m_no_writers->m_handle);
 }
 
 RwSem::~RwSem()
 {
-    DeleteCriticalSection(&m_state);
-    DeleteCriticalSection(&m_writer);
-    CloseHandle(m_no_readers);
-    CloseHandle(m_no_writers);
+    destroy_section(m_state);
+    destroy_section(m_writer);
+    destroy_event(m_no_readers);
+    destroy_event(m_no_writers);
 }
 
 void RwSem::read_lock()
 {
-    EnterCriticalSection(&m_state);
-    while (m_writers > 0) {
-        LeaveCriticalSection(&m_state);
-        WaitForSingleObject(m_no_writers, INFINITE);
-        EnterCriticalSection(&m_state);
-    }
-    if (m_readers == 0)
-        ResetEvent(m_no_readers);
-    m_readers++;
-    LeaveCriticalSection(&m_state);
+    EnterCriticalSection(m_state);
+    wait_until_none(m_state, m_writers, m_no_writers);
+    add_one(m_readers, m_no_readers);
+    LeaveCriticalSection(m_state);
 }
 
 void RwSem::read_unlock()
 {
-    EnterCriticalSection(&m_state);
-    if (--m_readers == 0)
-        SetEvent(m_no_readers);
-    LeaveCriticalSection(&m_state);
+    EnterCriticalSection(m_state);
+    subtract_one(m_readers, m_no_readers);
+    LeaveCriticalSection(m_state);
 }
 
 void RwSem::write_lock()
 {
-    EnterCriticalSection(&m_state);
-    if (m_writers == 0)
-        ResetEvent(m_no_writers);
-    m_writers++;
-    while (m_readers > 0) {
-        LeaveCriticalSection(&m_state);
-        WaitForSingleObject(m_no_readers, INFINITE);
-        EnterCriticalSection(&m_state);
-    }
-    LeaveCriticalSection(&m_state);
-    EnterCriticalSection(&m_writer);
+    EnterCriticalSection(m_state);
+    add_one(m_writers, m_no_writers);
+    wait_until_none(m_state, m_readers, m_no_readers);
+    LeaveCriticalSection(m_state);
+    EnterCriticalSection(m_writer);
 }
 
 void RwSem::write_unlock()
 {
-    LeaveCriticalSection(&m_writer);
-    EnterCriticalSection(&m_state);
-    if (--m_writers == 0)
-        SetEvent(m_no_writers);
-    LeaveCriticalSection(&m_state);
+    LeaveCriticalSection(m_writer);
+    EnterCriticalSection(m_state);
+    subtract_one(m_writers, m_no_writers);
+    LeaveCriticalSection(m_state);
 }
 
 // --- threads ------------------------------------------------------------------------------------
@@ -97,16 +141,18 @@ struct ThreadRecord {
     int is_finished;
     int is_detached;
     DWORD self_slot;
+    DWORD id;
     HANDLE thread;
 };
 
 DWORD WINAPI begin_thread(void *argument)
 {
     auto *record = static_cast<ThreadRecord *>(argument);
+    record->id = GetCurrentThreadId();
     TlsSetValue(record->self_slot, record);
     record->value = chain_head(record->func, record->arg);
-    TlsSetValue(record->self_slot, nullptr);
     EnterCriticalSection(record->section);
+    TlsSetValue(record->self_slot, nullptr);
     record->is_finished = 1;
     LeaveCriticalSection(record->section);
     return 0;
@@ -116,18 +162,18 @@ DWORD WINAPI begin_thread(void *argument)
 
 void *run_thread(DWORD self_slot, ThreadFunc func, void *arg)
 {
-    auto *record = static_cast<ThreadRecord *>(calloc(1, sizeof(ThreadRecord)));
+    auto *record = new_zeroed<ThreadRecord>();
     record->func = func;
     record->arg = arg;
     record->self_slot = self_slot;
-    record->section = static_cast<CRITICAL_SECTION *>(calloc(1, sizeof(CRITICAL_SECTION)));
-    InitializeCriticalSection(record->section);
+    record->section = make_section();
     record->thread = CreateThread(nullptr, 0, begin_thread, record, 0, nullptr);
+    if (record->id == GetCurrentThreadId()) // no thread waits for itself
+        return nullptr;
     WaitForSingleObject(record->thread, INFINITE);
     CloseHandle(record->thread);
     void *value = record->value;
-    DeleteCriticalSection(record->section);
-    free(record->section);
+    destroy_section(record->section);
     SecureZeroMemory(record, sizeof *record);
     free(record);
     return value;
@@ -138,69 +184,76 @@ void *run_thread(DWORD self_slot, ThreadFunc func, void *arg)
 namespace
 {
 
+struct Free {
+    void operator()(void *block) const { free(block); }
+};
+using Text = std::unique_ptr<char, Free>;
+using WideText = std::unique_ptr<wchar_t, Free>;
+
 // Absolute, with the prefix that allows any length.
-std::wstring long_path(const char *path)
+WideText long_path(const char *path)
 {
+    const std::wstring_view prefix = L"\\\\?\\";
     int units = MultiByteToWideChar(CP_UTF8, 0, path, -1, nullptr, 0);
-    std::wstring wide(units, L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, path, -1, wide.data(), units);
-    DWORD size = GetFullPathNameW(wide.c_str(), 0, nullptr, nullptr);
-    std::wstring full(size + 1, L'\0');
-    full.resize(GetFullPathNameW(wide.c_str(), size, full.data(), nullptr));
-    return full.insert(0, L"\\\\?\\");
+    WideText wide(new_zeroed<wchar_t>(units));
+    MultiByteToWideChar(CP_UTF8, 0, path, -1, wide.get(), units);
+    DWORD size = GetFullPathNameW(wide.get(), 0, nullptr, nullptr);
+    WideText full(new_zeroed<wchar_t>(size));
+    GetFullPathNameW(wide.get(), size, full.get(), nullptr);
+    WideText prefixed(new_zeroed<wchar_t>(prefix.size() + size));
+    wcscat(wcscpy(prefixed.get(), prefix.data()), full.get());
+    return prefixed;
 }
 
-std::wstring temp_name(const std::wstring &path)
+bool exists(const wchar_t *path)
 {
-    static LONG64 number = GetCurrentProcessId() * 1000000000LL;
-    wchar_t name[64];
-    std::wstring directory = path.substr(0, path.find_last_of(L"\\/") + 1);
-    std::wstring candidate;
-    do {
-        wsprintfW(name, L".velkora.%I64X.tmp",
-                  InterlockedIncrement64(&number) + (uint64_t(GetCurrentThreadId()) << 32));
-        candidate = directory + name;
-    } while (GetFileAttributesW(candidate.c_str()) != INVALID_FILE_ATTRIBUTES);
-    return candidate;
+    return GetFileAttributesW(path) != INVALID_FILE_ATTRIBUTES;
 }
 
 void remove_file(const char *path)
 {
-    std::wstring wide = long_path(path);
-    if (DeleteFileW(wide.c_str()) || GetFileAttributesW(wide.c_str()) == INVALID_FILE_ATTRIBUTES)
+    static LONG64 number = GetCurrentProcessId() * 1000000000LL;
+    WideText wide = long_path(path);
+    if (DeleteFileW(wide.get()))
         return;
-    for (int attempt = 0; attempt < 100000; ++attempt) {
-        if (GetFileAttributesW(wide.c_str()) == INVALID_FILE_ATTRIBUTES)
-            return;
-        std::wstring temp = temp_name(wide);
-        if (MoveFileW(wide.c_str(), temp.c_str())) {
+    for (int attempt = 0; attempt < 100000 && exists(wide.get()); ++attempt) {
+        std::wstring temp = wide.get() + std::to_wstring(InterlockedIncrement64(&number));
+        if (!exists(temp.c_str()) && MoveFileW(wide.get(), temp.c_str())) {
             DeleteFileW(temp.c_str());
             return;
         }
     }
 }
 
-bool ends_with(const std::string &text, const char *suffix)
+bool ends_with(std::string_view text, std::string_view suffix)
 {
-    size_t length = strlen(suffix);
-    return text.size() >= length && text.compare(text.size() - length, length, suffix) == 0;
+    return text.size() >= suffix.size() && text.substr(text.size() - suffix.size()) == suffix;
 }
 
-bool is_held(const std::string &path)
+bool is_held(const char *path)
 {
-    HANDLE lock_file = take_lock_file(path.c_str());
+    HANDLE lock_file = take_lock_file(path);
     if (lock_file == INVALID_HANDLE_VALUE)
         return true;
-    release_lock_file(path.c_str(), lock_file);
+    release_lock_file(path, lock_file);
     return false;
 }
 
-// Whether any lock file with that suffix is held in the directory of our own one.
-bool any_held(const std::string &own, const char *suffix)
+Text join(const char *directory, const char *name)
 {
-    std::string directory = own.substr(0, own.rfind('/'));
+    Text joined(new_zeroed<char>(strlen(directory) + strlen(name) + 1));
+    strcat(strcpy(joined.get(), directory), name);
+    return joined;
+}
+
+// Whether any lock file of the pattern, "*" and a suffix, is held in the directory of our own one.
+bool any_held(const char *own, const char *pattern)
+{
+    Text directory(_strdup(own));
+    *(strrchr(directory.get(), '/') + 1) = '\0';
+    Text search = join(directory.get(), pattern);
     WIN32_FIND_DATAW entry;
-    HANDLE listing = FindFirstFileW(long_path((directory + "/*" + suffix).c_str()).c_str(), &entry);
+    HANDLE listing = FindFirstFileW(long_path(search.get()).get(), &entry);
     if (listing == INVALID_HANDLE_VALUE)
         return false;
     bool any = false;
@@ -208,23 +261,27 @@ bool any_held(const std::string &own, const char *suffix)
         char name[261];
         WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, entry.cFileName, -1, name, sizeof name,
                             nullptr, nullptr);
-        std::string candidate = directory + "/" + name;
-        if (candidate == own || (ends_with(candidate, suffix) && is_held(candidate)))
+        Text candidate = join(directory.get(), name);
+        if (strcmp(candidate.get(), own) == 0 ||
+            (ends_with(candidate.get(), pattern + 1) && is_held(candidate.get())))
             any = true;
     } while (FindNextFileW(listing, &entry));
     FindClose(listing);
-    return any;
+    return any || GetLastError() != ERROR_NO_MORE_FILES;
 }
 
 } // namespace
 
-HANDLE take_lock_file(const char *path)
+HANDLE take_lock_file(const char *path, DWORD *code)
 {
-    std::wstring wide = long_path(path);
-    DeleteFileW(wide.c_str());
+    WideText wide = long_path(path);
+    DeleteFileW(wide.get());
     SECURITY_ATTRIBUTES security = {sizeof security, nullptr, FALSE};
-    return CreateFileW(wide.c_str(), GENERIC_WRITE, 0, &security, CREATE_NEW,
-                       FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, nullptr);
+    HANDLE file = CreateFileW(wide.get(), GENERIC_WRITE, 0, &security, CREATE_NEW,
+                              FILE_ATTRIBUTE_TEMPORARY | FILE_FLAG_DELETE_ON_CLOSE, nullptr);
+    if (file == INVALID_HANDLE_VALUE && code)
+        *code = GetLastError();
+    return file;
 }
 
 void release_lock_file(const char *path, HANDLE lock_file)
@@ -236,9 +293,8 @@ void release_lock_file(const char *path, HANDLE lock_file)
 bool IpMutex::lock()
 {
     while (!try_lock()) {
-        DWORD code = GetLastError();
         Sleep(10);
-        if (code != ERROR_FILE_EXISTS)
+        if (m_code != ERROR_FILE_EXISTS)
             return false;
     }
     return true;
@@ -247,7 +303,7 @@ bool IpMutex::lock()
 bool IpMutex::try_lock()
 {
     if (m_count == 0) {
-        m_file = take_lock_file(m_path.c_str());
+        m_file = take_lock_file(m_path.c_str(), &m_code);
         if (m_file == INVALID_HANDLE_VALUE)
             return false;
     }
@@ -274,7 +330,7 @@ void IpRwSem::read_lock()
 {
     if (m_readers == 0) {
         m_atomic_lock.lock();
-        while (any_held(m_writer_path, ".wtr.flock")) {
+        while (any_held(m_writer_path.c_str(), "*.wtr.flock")) {
             m_atomic_lock.unlock();
             m_atomic_lock.lock();
         }
@@ -299,7 +355,7 @@ void IpRwSem::write_lock()
     do {
         m_atomic_lock.unlock();
         m_atomic_lock.lock();
-    } while (any_held(m_reader_path, ".rdr.flock"));
+    } while (any_held(m_reader_path.c_str(), "*.rdr.flock"));
     m_atomic_lock.unlock();
     m_writers_lock.lock();
 }
@@ -309,7 +365,7 @@ bool IpRwSem::write_try_lock()
     m_atomic_lock.lock();
     bool is_taken = m_writers > 0;
     if (!is_taken && m_writers_lock.try_lock()) {
-        if (any_held(m_reader_path, ".rdr.flock")) {
+        if (any_held(m_reader_path.c_str(), "*.rdr.flock")) {
             m_writers_lock.unlock();
         } else {
             m_writer = take_lock_file(m_writer_path.c_str());
@@ -363,11 +419,15 @@ HANDLE make_job(HANDLE process)
 
 HANDLE start_process(char *command, HANDLE *output, HANDLE *job)
 {
+    static CRITICAL_SECTION *creation_lock = make_section(); // no other child inherits our pipe
     STARTUPINFOA startup = {};
     PROCESS_INFORMATION process = {};
     GetStartupInfoA(&startup);
-    if (!make_pipe(output, &startup.hStdOutput))
+    EnterCriticalSection(creation_lock);
+    if (!make_pipe(output, &startup.hStdOutput)) {
+        LeaveCriticalSection(creation_lock);
         return nullptr;
+    }
     startup.dwFlags = STARTF_USESTDHANDLES;
 
     DWORD mode;
@@ -384,6 +444,7 @@ HANDLE start_process(char *command, HANDLE *output, HANDLE *job)
     BOOL is_made = CreateProcessA(nullptr, command, nullptr, nullptr, TRUE, flags, nullptr, nullptr,
                                   &startup, &process);
     CloseHandle(startup.hStdOutput);
+    LeaveCriticalSection(creation_lock);
     if (!is_made)
         return nullptr;
     *job = make_job(process.hProcess);

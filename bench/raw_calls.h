@@ -10,8 +10,15 @@
 namespace raw
 {
 
+CRITICAL_SECTION *make_section();
+void destroy_section(CRITICAL_SECTION *section);
+
 // A manual-reset event.
-HANDLE make_event();
+struct Event {
+    HANDLE m_handle;
+};
+Event *make_event();
+void destroy_event(Event *event);
 
 // --- read-write semaphore -----------------------------------------------------------------------
 
@@ -29,12 +36,12 @@ public:
     void write_unlock();
 
 private:
-    CRITICAL_SECTION m_state;
-    CRITICAL_SECTION m_writer;
-    HANDLE m_no_readers;
-    HANDLE m_no_writers;
-    int m_readers;
-    int m_writers;
+    CRITICAL_SECTION *m_state = make_section();
+    CRITICAL_SECTION *m_writer = make_section();
+    Event *m_no_readers = make_event();
+    Event *m_no_writers = make_event();
+    int m_readers = 0;
+    int m_writers = 0;
 };
 
 // --- threads ------------------------------------------------------------------------------------
@@ -51,7 +58,8 @@ void *run_thread(DWORD self_slot, ThreadFunc func, void *arg);
 
 // --- lock files ---------------------------------------------------------------------------------
 
-HANDLE take_lock_file(const char *path);
+// INVALID_HANDLE_VALUE and the system's code when refused.
+HANDLE take_lock_file(const char *path, DWORD *code = nullptr);
 void release_lock_file(const char *path, HANDLE lock_file);
 
 class IpMutex
@@ -66,6 +74,7 @@ public:
 private:
     std::string m_path;
     HANDLE m_file = INVALID_HANDLE_VALUE;
+    DWORD m_code = 0;
     int m_count = 0;
 };
 

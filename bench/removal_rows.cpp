@@ -1,10 +1,12 @@
 #include "raw_calls.h"
 #include "rows.h"
 
+#include "support/import_patch.h"
+
 #include "thr/thr.h"
 
-#include <memory>
-#include <thread>
+#include <cstdio>
+#include <optional>
 
 namespace bench
 {
@@ -13,13 +15,15 @@ namespace
 {
 
 // The next holder takes the lock file in the moment between the unlock's close and its removal,
-// and lets it go after a while.
+// and lets it go in one of the removal's renames, when its time is over.
 struct NextHolder {
     std::string m_path;
-    int m_hold_ms;
+    double m_hold_seconds;
     HANDLE m_file;
-    HANDLE m_taken; // event
+    int64_t m_start;
+    int m_moves;
     decltype(&CloseHandle) m_close;
+    decltype(&MoveFileW) m_move;
 };
 
 NextHolder next_holder;
@@ -28,59 +32,57 @@ BOOL WINAPI close_and_be_next(HANDLE handle)
 {
     BOOL result = next_holder.m_close(handle);
     next_holder.m_file = raw::take_lock_file(next_holder.m_path.c_str());
-    SetEvent(next_holder.m_taken);
+    next_holder.m_start = now();
     return result;
 }
 
-void hold()
+BOOL WINAPI move_when_held(const wchar_t *from, const wchar_t *to)
 {
-    WaitForSingleObject(next_holder.m_taken, INFINITE);
-    Sleep(next_holder.m_hold_ms);
-    CloseHandle(next_holder.m_file);
+    next_holder.m_moves++;
+    if (seconds(now() - next_holder.m_start) >= next_holder.m_hold_seconds)
+        CloseHandle(next_holder.m_file);
+    return next_holder.m_move(from, to);
 }
 
-struct Unlock {
-    double seconds;
-    int moves;
-};
-
-Unlock unlock_that_meets(CallCounter &counter, THR_IP_MUTEX mutex, int hold_ms)
+// The seconds that the unlock takes.
+double unlock_that_meets(THR_IP_MUTEX mutex, int hold_ms)
 {
-    next_holder.m_hold_ms = hold_ms;
     thr_ip_mutex_lock(mutex);
-    std::thread holder;
-    std::unique_ptr<support::ImportPatch> patch;
+    next_holder.m_hold_seconds = hold_ms / 1000.0;
+    next_holder.m_moves = 0;
+    support::ImportPatch move("MoveFileW", &move_when_held);
+    next_holder.m_move = move.original<decltype(&MoveFileW)>();
+    std::optional<support::ImportPatch> close;
     if (hold_ms != 0) {
-        holder = std::thread(hold);
-        patch = std::make_unique<support::ImportPatch>("CloseHandle", &close_and_be_next);
-        next_holder.m_close = patch->original<decltype(&CloseHandle)>();
+        close.emplace("CloseHandle", &close_and_be_next);
+        next_holder.m_close = close->original<decltype(&CloseHandle)>();
     }
     int64_t start = now();
-    Counts calls = counter.count([=] { thr_ip_mutex_unlock(mutex); });
-    double time = seconds(now() - start);
-    if (hold_ms != 0)
-        holder.join();
-    return {time, calls["MoveFileW"]};
+    thr_ip_mutex_unlock(mutex);
+    return seconds(now() - start);
 }
 
 } // namespace
 
 void removal_rows(Report &report, const std::string &directory)
 {
-    CallCounter counter;
+    const char *title = "interprocess unlock that meets the next holder";
+    if (report.mode() == Mode::CALLS || !report.is_wanted(title))
+        return;
+    printf("\n%-46s %9s %14s\n", title, "takes", "renames tried");
     THR_IP_MUTEX mutex = thr_ip_mutex_create((directory + "\\next").c_str());
     next_holder.m_path = directory + "/next.mtx.flock";
-    next_holder.m_taken = CreateEventA(nullptr, FALSE, FALSE, nullptr);
     for (int hold_ms : {0, 1, 10, 100}) {
         std::vector<double> times, moves;
-        for (int round = 0; round < (report.is_quick() ? 5 : 15); ++round) {
-            Unlock unlock = unlock_that_meets(counter, mutex, hold_ms);
-            times.push_back(unlock.seconds);
-            moves.push_back(unlock.moves);
+        for (int round = 0; round < (report.mode() == Mode::QUICK ? 5 : 15); ++round) {
+            times.push_back(unlock_that_meets(mutex, hold_ms));
+            moves.push_back(next_holder.m_moves);
         }
-        report.removal(hold_ms, spread_of(times).median, static_cast<int>(spread_of(moves).median));
+        std::string name =
+            hold_ms ? "one that holds for " + std::to_string(hold_ms) + " ms" : "nobody";
+        printf("%-46s %9s %14.0f\n", name.c_str(), time_text(spread_of(times).median).c_str(),
+               spread_of(moves).median);
     }
-    CloseHandle(next_holder.m_taken);
     thr_ip_mutex_destroy(mutex);
 }
 

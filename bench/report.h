@@ -1,56 +1,52 @@
-// Runs the measurements, prints each as a line of a table and keeps it for the JSON file.
+// Counts and measures the operations and prints each as a line of a table.
 #ifndef THR_BENCH_REPORT_H
 #define THR_BENCH_REPORT_H
 
-#include "call_count.h"
+#include "calls.h"
 #include "measure.h"
 
 #include <string>
-#include <vector>
 
 namespace bench
 {
 
+// A time in a unit that suits it.
+std::string time_text(double time);
+
+enum class Mode { FULL, QUICK, CALLS };
+
 class Report
 {
 public:
-    // Rows without the text `only` in their names are left out.
-    Report(bool quick, const std::string &only);
+    // Rows without the text `only` in their names are left out. Mode CALLS measures nothing.
+    Report(Mode mode, const std::string &only) : m_mode(mode), m_only(only), m_start(now()) {}
 
-    bool is_quick() const { return m_quick; }
+    Mode mode() const { return m_mode; }
     bool is_wanted(const std::string &row) const { return row.find(m_only) != row.npos; }
 
     // Starts a part of the table.
-    void part(const std::string &title);
+    void part(const std::string &title) { m_title = title; }
 
-    // Measures an operation and prints its row, which may be the point of a series at `x`.
-    void row(const Operation &operation, const std::string &series = "", int x = 0);
-
-    // A row that has been measured elsewhere.
-    void add(const Operation &operation, const Measurement &measurement, const std::string &series,
-             int x);
-
-    // The calls that an operation makes beside those that its steps prescribe.
-    void calls(const CountedOperation &operation, const Counts &counted);
-
-    // An unlock while the next holder keeps the lock file for so many milliseconds.
-    void removal(int hold_ms, double unlock_seconds, int moves);
+    // Counts an operation, measures it and prints its row.
+    void row(const Operation &operation);
+    // The same with a measurement of its own.
+    void row(const Operation &operation, const std::function<Measurement()> &measured);
 
     // What of the goals is met, and the time that all of it took. False when a goal is missed or an
     // operation makes other calls.
     bool summary();
 
-    void write_json(const std::string &path) const;
-
 private:
-    bool m_quick;
+    void print_title();
+    void print(const Operation &operation, const Measurement &measurement, int calls);
+
+    Mode m_mode;
     std::string m_only;
     int64_t m_start;
+    std::string m_title; // not yet printed
     std::map<std::string, int> m_results;
+    int m_rows = 0;
     int m_different = 0;
-    std::vector<std::string> m_rows; // in JSON
-    std::vector<std::string> m_calls;
-    std::vector<std::string> m_removals;
 };
 
 } // namespace bench

@@ -5,24 +5,24 @@
 #include "report.h"
 
 #include <string>
+#include <vector>
 
 namespace bench
 {
 
 void sync_rows(Report &report);
 void thread_rows(Report &report);
-// Registers thread wrappers, which nothing takes back: no thread is measured after it.
-void wrapper_rows(Report &report);
-// In an empty `directory`.
+// Work in `directory`, which is empty but for what each of them makes and removes.
 void interprocess_rows(Report &report, const std::string &directory);
+void hand_over_rows(Report &report, const std::string &directory);
 // `folder` holds this program and its companions.
 void process_rows(Report &report, const std::string &directory, const std::string &folder);
-
-void growth_rows(Report &report, const std::string &directory);
+// Registers thread wrappers, which nothing takes back: no thread is measured after it.
+void wrapper_rows(Report &report);
 // An interprocess unlock that meets the next holder's file.
 void removal_rows(Report &report, const std::string &directory);
 
-// The process that waits in the growth of the hand-overs: what it has to know is in `args`.
+// The process that waits in the hand-overs: what it has to know is in `args`.
 int wait_in_line(const std::vector<std::string> &args);
 
 } // namespace bench

@@ -45,11 +45,6 @@ void append_wrapper(int link)
     raw_next_slots[link] = raw::call_func;
 }
 
-} // namespace
-
-namespace
-{
-
 // The slot's index lies in static storage on both sides, as it does in programs, and the result is
 // used: an error code is a part of what setting gives.
 THR_THREAD_VAR var;

@@ -1,0 +1,166 @@
+#include "calls.h"
+
+#include "support/import_patch.h"
+
+#include <cstdint>
+#include <list>
+#include <new>
+#include <stdexcept>
+#include <vector>
+
+#include <windows.h>
+
+namespace bench
+{
+
+namespace
+{
+
+// x86-64: lock inc qword [m_count]; jmp [m_target]; both addressed from the code.
+struct Thunk {
+    uint8_t m_code[16] = {0xf0, 0x48, 0xff, 0x05, 8, 0, 0,    0, //
+                          0xff, 0x25, 10,   0,    0, 0, 0x90, 0x90};
+    int64_t m_count = 0;
+    void *m_target = nullptr;
+};
+
+// The name under which an import is counted; empty: it is not.
+std::string counted_name(const support::Import &import)
+{
+    // what patches imports: this program's own, and those of a module that starts
+    if (import.function == "VirtualProtect" || import.function == "VirtualQuery")
+        return "";
+    if (_stricmp(import.dll.c_str(), "KERNEL32.dll") == 0 ||
+        _stricmp(import.dll.c_str(), "USER32.dll") == 0)
+        return import.function;
+    // a compiler makes one calloc of a malloc and the memset behind it
+    for (const char *allocates : {"malloc", "calloc", "realloc", "_strdup", "strdup"}) {
+        if (import.function == allocates)
+            return "malloc";
+    }
+    return import.function == "free" ? "free" : "";
+}
+
+// What the loader tells of a DLL before it runs the DLL's start.
+struct Loaded {
+    ULONG flags;
+    const void *full_name;
+    const void *base_name;
+    void *module;
+};
+using OnLoad = void(CALLBACK *)(ULONG reason, const Loaded *loaded, void *context);
+
+template <class Function> Function loader_function(const char *name)
+{
+    FARPROC function = GetProcAddress(GetModuleHandleA("ntdll.dll"), name);
+    if (!function)
+        throw std::runtime_error("the loader does not tell what it loads");
+    return reinterpret_cast<Function>(reinterpret_cast<void *>(function));
+}
+
+// Counts for as long as it is there.
+class Counter
+{
+public:
+    Counter()
+        : m_thunks(
+              static_cast<Thunk *>(VirtualAlloc(nullptr, MOST_THUNKS * sizeof(Thunk),
+                                                MEM_COMMIT | MEM_RESERVE, PAGE_EXECUTE_READWRITE)))
+    {
+        if (!m_thunks)
+            throw std::runtime_error("no memory for code");
+        watch(support::thr_module(), m_patches);
+        watch(GetModuleHandleA(nullptr), m_patches);
+        using Register = LONG(NTAPI *)(ULONG, OnLoad, void *, void **);
+        loader_function<Register>("LdrRegisterDllNotification")(0, on_load, this, &m_cookie);
+    }
+    ~Counter()
+    {
+        using Unregister = LONG(NTAPI *)(void *);
+        loader_function<Unregister>("LdrUnregisterDllNotification")(m_cookie);
+    }
+    Counter(const Counter &) = delete;
+    Counter &operator=(const Counter &) = delete;
+
+    Calls count(const std::function<void()> &run)
+    {
+        for (size_t index = 0; index < m_names.size(); ++index)
+            m_thunks[index].m_count = 0;
+        run();
+        Calls calls;
+        for (size_t index = 0; index < m_names.size(); ++index) {
+            if (m_thunks[index].m_count != 0)
+                calls[m_names[index]] += static_cast<int>(m_thunks[index].m_count);
+        }
+        return calls;
+    }
+
+private:
+    static void CALLBACK on_load(ULONG reason, const Loaded *loaded, void *context)
+    {
+        const ULONG is_loaded = 1;
+        if (reason != is_loaded)
+            return;
+        // its imports go with it: they are not put back
+        auto *patches = new std::list<support::ImportPatch>;
+        static_cast<Counter *>(context)->watch(static_cast<HMODULE>(loaded->module), *patches);
+    }
+
+    void watch(HMODULE module, std::list<support::ImportPatch> &patches)
+    {
+        for (const support::Import &import : support::imports_of(module)) {
+            std::string name = counted_name(import);
+            if (name.empty() || m_names.size() == MOST_THUNKS)
+                continue;
+            Thunk *thunk = new (&m_thunks[m_names.size()]) Thunk;
+            thunk->m_target = *import.slot;
+            m_names.push_back(name);
+            patches.emplace_back(import.function.c_str(), reinterpret_cast<void (*)()>(thunk),
+                                 module);
+        }
+    }
+
+    static const size_t MOST_THUNKS = 2048;
+    Thunk *m_thunks;                  // never given back: a thread may be in one of them
+    std::vector<std::string> m_names; // of the thunks
+    std::list<support::ImportPatch> m_patches;
+    void *m_cookie = nullptr;
+};
+
+int made_of(const Calls &calls, const std::string &name)
+{
+    auto found = calls.find(name);
+    return found == calls.end() ? 0 : found->second;
+}
+
+} // namespace
+
+Calls calls_of(const std::function<void()> &run)
+{
+    run(); // what happens once only
+    return Counter().count(run);
+}
+
+std::string difference(const Calls &counted, const Calls &raw)
+{
+    Calls all = counted;
+    all.insert(raw.begin(), raw.end());
+    std::string text;
+    for (const auto &entry : all) {
+        int made = made_of(counted, entry.first), prescribed = made_of(raw, entry.first);
+        if (made != prescribed)
+            text += " " + entry.first + " " + std::to_string(made) + " (raw " +
+                    std::to_string(prescribed) + ")";
+    }
+    return text;
+}
+
+int total_of(const Calls &calls)
+{
+    int total = 0;
+    for (const auto &entry : calls)
+        total += entry.second;
+    return total;
+}
+
+} // namespace bench
