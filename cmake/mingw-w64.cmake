@@ -1,20 +1,22 @@
-# Cross-compiles for 64-bit Windows with MinGW-w64, as Debian names it, for the C runtime msvcrt, and
-# runs what it builds under Wine.
-set(CMAKE_SYSTEM_NAME Windows)
-set(CMAKE_SYSTEM_PROCESSOR x86_64)
+# What is shipped: the headers, libraries and runtime of mingw-w64-gcc.cmake, compiled by clang and
+# linked by lld, which write debug information for Windows debuggers, too.
+include(${CMAKE_CURRENT_LIST_DIR}/mingw-w64-gcc.cmake)
 
-set(CMAKE_C_COMPILER x86_64-w64-mingw32-gcc-posix)
-set(CMAKE_CXX_COMPILER x86_64-w64-mingw32-g++-posix)
-set(CMAKE_RC_COMPILER x86_64-w64-mingw32-windres)
+# Debian keeps the posix flavour of GCC's runtime where clang does not look for it.
+execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=include
+                OUTPUT_VARIABLE thr_gcc_include OUTPUT_STRIP_TRAILING_WHITESPACE)
+get_filename_component(thr_gcc_dir ${thr_gcc_include} DIRECTORY)
+list(PREPEND THR_RUNTIME_DIRS ${thr_gcc_dir})
+set(thr_libstdcxx ${thr_gcc_dir}/include/c++)
 
-set(CMAKE_FIND_ROOT_PATH /usr/x86_64-w64-mingw32)
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
-
-set(THR_RUNTIME_DIRS /usr/x86_64-w64-mingw32/lib)
-set(THR_BOOST_DIR /usr/include CACHE PATH "folder that holds the boost headers")
-set(THR_GTEST_DIR /usr/src/googletest/googletest CACHE PATH "folder of GoogleTest's sources")
-
-set(CMAKE_CROSSCOMPILING_EMULATOR /usr/lib/wine/wine64)
+set(CMAKE_C_COMPILER clang)
+set(CMAKE_CXX_COMPILER clang++)
+set(CMAKE_C_COMPILER_TARGET ${thr_target})
+set(CMAKE_CXX_COMPILER_TARGET ${thr_target})
+# GCC's runtime keeps its thread-local variables in GCC's own way.
+set(CMAKE_CXX_FLAGS_INIT "-femulated-tls -nostdinc++ -isystem ${thr_libstdcxx} \
+-isystem ${thr_libstdcxx}/${thr_target} -isystem ${thr_libstdcxx}/backward")
+foreach(kind EXE SHARED MODULE)
+  set(CMAKE_${kind}_LINKER_FLAGS_INIT "-fuse-ld=lld -L${thr_gcc_dir} \
+-Wno-unused-command-line-argument")
+endforeach()

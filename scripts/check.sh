@@ -51,7 +51,7 @@ check_cppcheck()
 check_tidy()
 {
     sources_of thr | grep '\.cpp$' | xargs -r -d '\n' -n 1 -P "$(nproc)" \
-        clang-tidy -p build/windows-clang --quiet 2>&1 |
+        clang-tidy -p build/windows --quiet 2>&1 |
         { grep -v '^[0-9]* warnings generated\.$' || true; }
 }
 
@@ -59,7 +59,8 @@ check_tidy()
 cd "$root"
 step clang-format check_format
 step "length of lines" check_line_length
-step "second compiler (preset windows-clang)" build_preset windows-clang
+step "first compiler (preset windows)" build_preset windows
+step "second compiler (preset windows-gcc)" build_preset windows-gcc
 step cppcheck check_cppcheck
 step clang-tidy check_tidy
 step "undefined behaviour (preset windows-ubsan)" scripts/test.sh --preset windows-ubsan
