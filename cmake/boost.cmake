@@ -1,6 +1,13 @@
-# Boost is used for its headers alone. When they are another system's, the folder that the compiler
-# gets holds nothing but a link to them: the other headers there must never reach it.
+# Boost is used for its headers alone: those of its package, or of a folder. When they are another
+# system's, the folder that the compiler gets holds nothing but a link to them: the other headers
+# there must never reach it.
 add_library(thr_boost INTERFACE)
+if(NOT THR_BOOST_DIR)
+  find_package(Boost QUIET CONFIG)
+  if(TARGET Boost::headers)
+    get_target_property(THR_BOOST_DIR Boost::headers INTERFACE_INCLUDE_DIRECTORIES)
+  endif()
+endif()
 if(NOT THR_BOOST_DIR)
   find_path(THR_BOOST_DIR boost/optional.hpp DOC "folder that holds the boost headers")
 endif()
