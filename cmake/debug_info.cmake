@@ -3,9 +3,6 @@
 # goes into a file of the DLL's name with ".debug" added, which gdb finds by the link that the DLL
 # carries, and into a PDB for Windows debuggers where compiler and linker can write one. The DLL
 # keeps no symbols.
-include(CheckLinkerFlag)
-check_linker_flag(CXX -Wl,-Xlink=-Brepro THR_LINKS_BY_LLD)
-
 function(thr_separate_debug_information dll objects)
   set(file ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/${dll}.dll)
   set(outputs ${file}.debug)
@@ -26,14 +23,6 @@ function(thr_separate_debug_information dll objects)
       set_target_properties(${dll} PROPERTIES CXX_LINKER_LAUNCHER "${launcher}")
     endif()
   endif()
-  # The same sources give the same file at any time. A time stamp made of the contents tells
-  # versions apart.
-  if(THR_LINKS_BY_LLD)
-    target_link_options(${dll} PRIVATE -Wl,-Xlink=-Brepro)
-  else()
-    target_link_options(${dll} PRIVATE -Wl,--no-insert-timestamp)
-  endif()
-  set_target_properties(${dll} PROPERTIES THR_DEBUG_FILES "${outputs}")
   add_custom_command(TARGET ${dll} POST_BUILD
     COMMAND ${CMAKE_OBJCOPY} --only-keep-debug ${file} ${file}.debug
     COMMAND ${CMAKE_OBJCOPY} --strip-all ${file}
