@@ -35,7 +35,7 @@ if(NOT TARGET thr::thr)
   set_target_properties(thr::thr PROPERTIES
     IMPORTED_LOCATION "${thr_prefix}/bin/thr.dll"
     INTERFACE_INCLUDE_DIRECTORIES "${thr_prefix}/include")
-  if(MSVC)
+  if(MSVC OR "${CMAKE_C_SIMULATE_ID}${CMAKE_CXX_SIMULATE_ID}" MATCHES MSVC)
     set_target_properties(thr::thr PROPERTIES IMPORTED_IMPLIB "${thr_prefix}/lib/thr.lib")
   else()
     set_target_properties(thr::thr PROPERTIES IMPORTED_IMPLIB "${thr_prefix}/lib/libthr.dll.a")
