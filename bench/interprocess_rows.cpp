@@ -21,14 +21,14 @@ void ip_mutex_rows(Report &report, const std::string &directory)
     std::string file = directory + "\\boost";
     std::ofstream(file).close(); // its file has to be there, and stays
     boost::interprocess::file_lock file_lock(file.c_str());
-    auto library = [=] { thr_ip_mutex_lock(mutex), thr_ip_mutex_unlock(mutex); };
+    auto library = [=] { (void)thr_ip_mutex_lock(mutex), thr_ip_mutex_unlock(mutex); };
     auto raw = [&] { raw_mutex.lock(), raw_mutex.unlock(); };
     report.row({"ip mutex lock+unlock",
                 1.08,
                 repeat(library),
                 repeat(raw),
                 {{"Boost file lock", repeat([&] { file_lock.lock(), file_lock.unlock(); })}}});
-    thr_ip_mutex_lock(mutex);
+    (void)thr_ip_mutex_lock(mutex);
     raw_mutex.lock();
     report.row({"ip mutex lock+unlock by its holder", 1.50, repeat(library), repeat(raw)});
     thr_ip_mutex_destroy(mutex);

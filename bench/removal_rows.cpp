@@ -47,7 +47,7 @@ BOOL WINAPI move_when_held(const wchar_t *from, const wchar_t *to)
 // The seconds that the unlock takes.
 double unlock_that_meets(THR_IP_MUTEX mutex, int hold_ms)
 {
-    thr_ip_mutex_lock(mutex);
+    (void)thr_ip_mutex_lock(mutex);
     next_holder.m_hold_seconds = hold_ms / 1000.0;
     next_holder.m_moves = 0;
     support::ImportPatch move("MoveFileW", &move_when_held);

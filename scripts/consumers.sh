@@ -107,6 +107,34 @@ check_headers()
     return $failed
 }
 
+# --- misuse -------------------------------------------------------------------------------------
+
+# expect_warnings PROGRAM MARK COMMAND...: a compiler warns at the lines that the mark, a pattern,
+# finds in the program, and at no other.
+expect_warnings()
+{
+    local program=$root/docs/manual/programs/$1 mark=$2 log=$work/misuse.log
+    shift 2
+    "$@" -Wall -Wextra -Wpedantic -I "$prefix/include" -c "$program" -o "$work/misuse.obj" \
+        >"$log" 2>&1 || { cat "$log" >&2 && die "$(basename "$program") does not compile"; }
+    diff <(grep -nE "$mark" "$program" | cut -d : -f 1) \
+        <(sed -nE 's/^[^:]*:([0-9]+):[0-9]+: warning: .*/\1/p' "$log" | sort -nu) ||
+        { cat "$log" >&2 && die "$1 warns of other lines of $(basename "$program"), see above"; }
+}
+
+check_misuse()
+{
+    local name
+    say "looking whether compilers warn of misuse"
+    for name in misuse consumer; do
+        expect_warnings $name.c '// warns$' $gcc -std=c11
+        expect_warnings $name.c '// warns$' "${clang_for_mingw[@]}" -std=c11
+        expect_warnings $name.cpp '// warns$' $gxx -std=c++17
+        expect_warnings $name.cpp '// warns(: clang)?$' "${clangxx_for_mingw[@]}" -std=c++17 \
+            -Wthread-safety
+    done
+}
+
 # --- programs -----------------------------------------------------------------------------------
 
 # build SOURCE TARGET-FOLDER: by a CMake project that finds the package and nothing of this tree.
@@ -183,6 +211,19 @@ hold_lock()
     exec 8>&-
 }
 
+# link_other NAME [OPTION...]: as a toolchain that knows nothing of MinGW.
+link_other()
+{
+    local program=$work/$1
+    shift
+    clang --target=x86_64-pc-windows-msvc -ffreestanding -Werror "$@" -c -I "$prefix/include" \
+        "$programs/other_linker.c" -o "$program.obj" &&
+        lld-link /nologo /nodefaultlib /entry:start /subsystem:console "/out:$program.exe" \
+            "$program.obj" "$prefix/lib/thr.lib" "$($gcc -print-file-name=libkernel32.a)"
+}
+
+vectorcall=(-Xclang -fdefault-calling-conv=vectorcall) # -Gv of the Visual C++ family
+
 build_by_meson()
 {
     meson setup --cross-file "$programs/mingw-w64.ini" -Dpkg_config_path="$prefix/lib/pkgconfig" \
@@ -201,12 +242,11 @@ build_by_hand()
     "${clang_for_mingw[@]}" -fuse-ld=lld -L "$gcc_folder" -std=c11 -Wall -Wextra -Wpedantic \
         -Werror -I "$prefix/include" "$programs/consumer.c" "$prefix/lib/thr.lib" \
         -o "$work/consumer_thr_lib.exe" || die "linking with thr.lib failed, see above"
-    clang --target=x86_64-pc-windows-msvc -ffreestanding -c -I "$prefix/include" \
-        "$programs/other_linker.c" -o "$work/other_linker.obj" &&
-        lld-link /nologo /nodefaultlib /entry:start /subsystem:console \
-            "/out:$work/other_linker.exe" "$work/other_linker.obj" "$prefix/lib/thr.lib" \
-            "$($gcc -print-file-name=libkernel32.a)" ||
-        die "linking with thr.lib by lld-link failed, see above"
+    link_other other_linker || die "linking with thr.lib by lld-link failed, see above"
+    link_other other_convention "${vectorcall[@]}" ||
+        die "linking with another default calling convention failed, see above"
+    ! link_other no_convention "${vectorcall[@]}" -D__cdecl= >"$work/no_convention.log" 2>&1 ||
+        die "that program links without the header's convention, too: nothing was shown"
 }
 
 # The package's reason must be told, and not a link fail later.
@@ -241,6 +281,7 @@ run_programs()
         run_program 0 "$work/$program.exe" | tail -n 1
     done
     run_program 42 "$work/other_linker.exe"
+    run_program 42 "$work/other_convention.exe"
     for example in "$prefix"/share/doc/thr/examples/*/; do
         program=$work/examples/bin/$(basename "$example").exe
         run_program 0 "$program" --help >"$work/help.txt"
@@ -257,6 +298,7 @@ check_package()
     unpack_package
     say "compiling the headers by themselves"
     check_headers < <(header_cases) || die "a header does not compile by itself, see above"
+    check_misuse
     build_programs
     run_programs
     say "the package works"

@@ -279,7 +279,7 @@ void report_on_a_worker_that_is_joined_at_exit()
         thr_mutex_lock(nullptr);
         return nullptr;
     };
-    thr_thread_create(break_precondition, nullptr, 0);
+    (void)thr_thread_create(break_precondition, nullptr, 0);
     Sleep(PATIENCE_MS);
     TerminateProcess(GetCurrentProcess(), 3);
 }

@@ -10,11 +10,21 @@
 #include "thr/thr.h"
 #include "thr/thr_exception.h"
 
+/** @def THR_THREAD_SAFETY
+ *  An attribute of clang's thread-safety analysis (`-Wthread-safety`), for members of a host, too:
+ *  `int count THR_THREAD_SAFETY(guarded_by(mutex));`. Other compilers do not see it. The analysis
+ *  knows no recursion: it warns of a second guard on one mutex in the same function. */
+#ifdef __clang__
+#define THR_THREAD_SAFETY(...) __attribute__((__VA_ARGS__))
+#else
+#define THR_THREAD_SAFETY(...)
+#endif
+
 /** @addtogroup mutex
  *  @{ */
 
 /** A mutex with the lifetime of an object. Any thread may lock it, through THR_SCOPED_MUTEX. */
-class THR_MUTEX_OBJ
+class THR_THREAD_SAFETY(capability("mutex")) THR_MUTEX_OBJ
 {
 public:
     THR_MUTEX_OBJ() : m_mutex(thr_mutex_create()) {}
@@ -28,14 +38,15 @@ private:
 };
 
 /** Locks a mutex for its own lifetime. Guards on one mutex may nest on one thread. */
-class THR_API THR_SCOPED_MUTEX
+class THR_THREAD_SAFETY(scoped_lockable) THR_API THR_SCOPED_MUTEX
 {
 public:
     /** @param mutex_obj must outlive the guard */
-    explicit THR_SCOPED_MUTEX(THR_MUTEX_OBJ &mutex_obj);
+    THR_NODISCARD explicit THR_SCOPED_MUTEX(THR_MUTEX_OBJ &mutex_obj)
+        THR_THREAD_SAFETY(acquire_capability(mutex_obj));
     THR_SCOPED_MUTEX(const THR_SCOPED_MUTEX &) = delete;
     THR_SCOPED_MUTEX &operator=(const THR_SCOPED_MUTEX &) = delete;
-    ~THR_SCOPED_MUTEX();
+    ~THR_SCOPED_MUTEX() THR_THREAD_SAFETY(release_capability());
 
 private:
     THR_MUTEX_OBJ *m_mutex_obj;
@@ -75,7 +86,7 @@ private:
 
 /** A read-write semaphore with the lifetime of an object. Any thread may use it, by the rules of
  *  the plain functions. */
-class THR_API THR_READ_WRITE_SEMAPHORE
+class THR_THREAD_SAFETY(capability("semaphore")) THR_API THR_READ_WRITE_SEMAPHORE
 {
 public:
     THR_READ_WRITE_SEMAPHORE();
@@ -83,12 +94,18 @@ public:
     THR_READ_WRITE_SEMAPHORE &operator=(const THR_READ_WRITE_SEMAPHORE &) = delete;
     ~THR_READ_WRITE_SEMAPHORE();
 
-    void read_lock();      /**< thr_rw_sem_read_lock() */
-    void read_unlock();    /**< thr_rw_sem_read_unlock() */
-    bool try_read_lock();  /**< thr_rw_sem_read_try_lock() */
-    void write_lock();     /**< thr_rw_sem_write_lock() */
-    void write_unlock();   /**< thr_rw_sem_write_unlock() */
-    bool try_write_lock(); /**< thr_rw_sem_write_try_lock() */
+    /** thr_rw_sem_read_lock() */
+    void read_lock() THR_THREAD_SAFETY(acquire_shared_capability());
+    /** thr_rw_sem_read_unlock() */
+    void read_unlock() THR_THREAD_SAFETY(release_shared_capability());
+    /** thr_rw_sem_read_try_lock() */
+    THR_NODISCARD bool try_read_lock() THR_THREAD_SAFETY(try_acquire_shared_capability(true));
+    /** thr_rw_sem_write_lock() */
+    void write_lock() THR_THREAD_SAFETY(acquire_capability());
+    /** thr_rw_sem_write_unlock() */
+    void write_unlock() THR_THREAD_SAFETY(release_capability());
+    /** thr_rw_sem_write_try_lock() */
+    THR_NODISCARD bool try_write_lock() THR_THREAD_SAFETY(try_acquire_capability(true));
 
 private:
     friend class THR_SCOPED_READ_LOCK;
@@ -97,28 +114,30 @@ private:
 };
 
 /** Holds the read lock of a semaphore for its own lifetime. */
-class THR_API THR_SCOPED_READ_LOCK
+class THR_THREAD_SAFETY(scoped_lockable) THR_API THR_SCOPED_READ_LOCK
 {
 public:
     /** @param semaphore must outlive the guard */
-    explicit THR_SCOPED_READ_LOCK(THR_READ_WRITE_SEMAPHORE &semaphore);
+    THR_NODISCARD explicit THR_SCOPED_READ_LOCK(THR_READ_WRITE_SEMAPHORE &semaphore)
+        THR_THREAD_SAFETY(acquire_shared_capability(semaphore));
     THR_SCOPED_READ_LOCK(const THR_SCOPED_READ_LOCK &) = delete;
     THR_SCOPED_READ_LOCK &operator=(const THR_SCOPED_READ_LOCK &) = delete;
-    ~THR_SCOPED_READ_LOCK();
+    ~THR_SCOPED_READ_LOCK() THR_THREAD_SAFETY(release_capability());
 
 private:
     THR_READ_WRITE_SEMAPHORE *m_semaphore;
 };
 
 /** Holds the write lock of a semaphore for its own lifetime. */
-class THR_API THR_SCOPED_WRITE_LOCK
+class THR_THREAD_SAFETY(scoped_lockable) THR_API THR_SCOPED_WRITE_LOCK
 {
 public:
     /** @param semaphore must outlive the guard */
-    explicit THR_SCOPED_WRITE_LOCK(THR_READ_WRITE_SEMAPHORE &semaphore);
+    THR_NODISCARD explicit THR_SCOPED_WRITE_LOCK(THR_READ_WRITE_SEMAPHORE &semaphore)
+        THR_THREAD_SAFETY(acquire_capability(semaphore));
     THR_SCOPED_WRITE_LOCK(const THR_SCOPED_WRITE_LOCK &) = delete;
     THR_SCOPED_WRITE_LOCK &operator=(const THR_SCOPED_WRITE_LOCK &) = delete;
-    ~THR_SCOPED_WRITE_LOCK();
+    ~THR_SCOPED_WRITE_LOCK() THR_THREAD_SAFETY(release_capability());
 
 private:
     THR_READ_WRITE_SEMAPHORE *m_semaphore;
@@ -158,7 +177,7 @@ private:
 };
 
 /** An interprocess mutex (thr_ip_mutex_create()) with the lifetime of an object. */
-class THR_API THR_IP_MUTEX_OBJ
+class THR_THREAD_SAFETY(capability("mutex")) THR_API THR_IP_MUTEX_OBJ
 {
 public:
     /** @param path as for thr_ip_mutex_create(). A path whose directory is missing does not throw:
@@ -169,9 +188,12 @@ public:
     /** Gives up every hold of this object at once. */
     ~THR_IP_MUTEX_OBJ();
 
-    bool lock();     /**< thr_ip_mutex_lock() */
-    bool try_lock(); /**< thr_ip_mutex_try_lock() */
-    void unlock();   /**< thr_ip_mutex_unlock() */
+    /** thr_ip_mutex_lock() */
+    THR_NODISCARD bool lock() THR_THREAD_SAFETY(try_acquire_capability(true));
+    /** thr_ip_mutex_try_lock() */
+    THR_NODISCARD bool try_lock() THR_THREAD_SAFETY(try_acquire_capability(true));
+    /** thr_ip_mutex_unlock() */
+    void unlock() THR_THREAD_SAFETY(release_capability());
 
 private:
     friend class THR_IP_SCOPED_MUTEX;
@@ -180,12 +202,13 @@ private:
 
 /** Locks an interprocess mutex for its own lifetime. Ask was_lock_successful() before touching
  *  what the mutex guards. */
-class THR_API THR_IP_SCOPED_MUTEX
+class THR_THREAD_SAFETY(scoped_lockable) THR_API THR_IP_SCOPED_MUTEX
 {
 public:
     /** Locks, waiting as thr_ip_mutex_lock() does.
      *  @param mutex_obj null: the guard holds nothing. Must outlive the guard. */
-    explicit THR_IP_SCOPED_MUTEX(THR_IP_MUTEX_OBJ *mutex_obj);
+    THR_NODISCARD explicit THR_IP_SCOPED_MUTEX(THR_IP_MUTEX_OBJ *mutex_obj)
+        THR_THREAD_SAFETY(acquire_capability(mutex_obj));
     THR_IP_SCOPED_MUTEX(const THR_IP_SCOPED_MUTEX &) = delete;
     THR_IP_SCOPED_MUTEX &operator=(const THR_IP_SCOPED_MUTEX &) = delete;
     /** Takes the other guard's lock over; the other is empty then. */
@@ -194,10 +217,10 @@ public:
      *  itself, a guard ends empty. */
     THR_IP_SCOPED_MUTEX &operator=(THR_IP_SCOPED_MUTEX &&other) noexcept;
     /** Unlocks if the lock is held. */
-    ~THR_IP_SCOPED_MUTEX();
+    ~THR_IP_SCOPED_MUTEX() THR_THREAD_SAFETY(release_capability());
 
     /** @return whether the guard holds the lock */
-    bool was_lock_successful() const;
+    THR_NODISCARD bool was_lock_successful() const;
 
 private:
     void release();
@@ -206,7 +229,7 @@ private:
 };
 
 /** An interprocess read-write semaphore (thr_ip_rw_sem_create()) with the lifetime of an object. */
-class THR_API THR_IP_READ_WRITE_SEMAPHORE
+class THR_THREAD_SAFETY(capability("semaphore")) THR_API THR_IP_READ_WRITE_SEMAPHORE
 {
 public:
     /** @param path as for thr_ip_rw_sem_create()
@@ -218,12 +241,18 @@ public:
     /** Lets go of every hold of this object at once. */
     ~THR_IP_READ_WRITE_SEMAPHORE();
 
-    void read_lock();      /**< thr_ip_rw_sem_read_lock() */
-    void read_unlock();    /**< thr_ip_rw_sem_read_unlock() */
-    bool try_read_lock();  /**< thr_ip_rw_sem_read_try_lock() */
-    void write_lock();     /**< thr_ip_rw_sem_write_lock() */
-    void write_unlock();   /**< thr_ip_rw_sem_write_unlock() */
-    bool try_write_lock(); /**< thr_ip_rw_sem_write_try_lock() */
+    /** thr_ip_rw_sem_read_lock() */
+    void read_lock() THR_THREAD_SAFETY(acquire_shared_capability());
+    /** thr_ip_rw_sem_read_unlock() */
+    void read_unlock() THR_THREAD_SAFETY(release_shared_capability());
+    /** thr_ip_rw_sem_read_try_lock() */
+    THR_NODISCARD bool try_read_lock() THR_THREAD_SAFETY(try_acquire_shared_capability(true));
+    /** thr_ip_rw_sem_write_lock() */
+    void write_lock() THR_THREAD_SAFETY(acquire_capability());
+    /** thr_ip_rw_sem_write_unlock() */
+    void write_unlock() THR_THREAD_SAFETY(release_capability());
+    /** thr_ip_rw_sem_write_try_lock() */
+    THR_NODISCARD bool try_write_lock() THR_THREAD_SAFETY(try_acquire_capability(true));
 
 private:
     THR_IP_RW_SEM m_ip_sem;
@@ -257,24 +286,24 @@ public:
 
     /** Server: makes a pipe to write to; its calls block. Of an object that has a pipe already, the
      *  old handle is forgotten. */
-    bool create();
+    THR_NODISCARD bool create();
     /** Server: makes a pipe to read from; its calls never block. An object without a name makes the
      *  pipe of create() instead. */
-    bool create_r();
+    THR_NODISCARD bool create_r();
     /** Server: waits for a client; on a pipe of create_r() asks whether one has come.
      *  @return whether a client is there; false, with get_error() 536, while none has come to a
      *          pipe of create_r(), and with 232 when one has come, written and gone: read then all
      *          the same */
-    bool connect();
+    THR_NODISCARD bool connect();
     /** The same as connect(). */
-    bool connect_r();
+    THR_NODISCARD bool connect_r();
     /** Client: opens the pipe for reading; waits while it is busy, 20 seconds at a time as long as
      *  the system says that an end came free. Without a server it fails at once, with error 2, as
      *  it does for an object without a name. The client reads bytes: messages that wait together
      *  come together. */
-    bool open();
+    THR_NODISCARD bool open();
     /** Client: opens the pipe for writing; waits as open() does. */
-    bool open_w();
+    THR_NODISCARD bool open_w();
     /** Takes what waits, as far as the buffer goes. A client waits for something to come; a server
      *  takes one message and never waits: the first part of one that is longer than the buffer,
      *  with get_error() 234, and the rest with the next reads; 232 when there is none. At the end,
