@@ -1,6 +1,6 @@
 // Paths, files and lock files, through the library's objects.
 #include "support/child.h"
-#include "support/import_patch.h"
+#include "support/gates.h"
 #include "support/recorders.h"
 #include "support/scratch_dir.h"
 
@@ -11,7 +11,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <thread>
 #include <tuple>
 
@@ -22,31 +21,17 @@
 #include <gtest/gtest.h>
 
 using std::filesystem::current_path;
+using support::Call;
 using support::Child;
 using support::ScratchDir;
 
 namespace
 {
 
-const HMODULE OWN = GetModuleHandleA(nullptr);
-
-// Stands in for an import of this program, whose own calls reach it too. One at a time of a kind.
-template <class Function> struct Fake;
-template <class Result, class... Args> struct Fake<Result(Args...)> {
-    inline static std::function<Result(Args...)> function;
-    inline static int calls;
-    support::ImportPatch patch;
-
-    Fake(const char *import, std::function<Result(Args...)> replacement)
-        : patch(
-              import, +[](Args... args) { return ++calls, function(args...); }, OWN)
-    {
-        function = replacement;
-        calls = 0;
-    }
+// Stands in for an import of this program, whose own calls reach it too.
+struct Fake : support::Gate {
+    Fake(const char *import, Way way) : Gate(import, way, GetModuleHandleA(nullptr)) {}
 };
-
-#define FAKE(import, ...) Fake<decltype(import)> fake_##import(#import, __VA_ARGS__)
 
 // --- paths and temporary names ------------------------------------------------------------------
 
@@ -71,15 +56,16 @@ TEST(LongPath, TakesEveryFormOfPath)
 void print_temporary_names()
 {
     static const char COMPUTER[] = "h\xe9st.lan";
-    FAKE(GetComputerNameExA, [](COMPUTER_NAME_FORMAT format, char *text, DWORD *size) {
-        const bool fits = text && *size >= sizeof COMPUTER;
-        if (fits && format == ComputerNamePhysicalDnsFullyQualified)
-            strcpy(text, COMPUTER);
+    Fake computer("GetComputerNameExA", [](const Call &call) {
+        auto *size = call.arg<DWORD *>(2);
+        const bool fits = call.arg<char *>(1) && *size >= sizeof COMPUTER;
+        if (fits && call.arg<int>(0) == ComputerNamePhysicalDnsFullyQualified)
+            strcpy(call.arg<char *>(1), COMPUTER);
         *size = sizeof COMPUTER;
         return fits;
     });
-    FAKE(_time64, [](auto *) { return static_cast<__time64_t>(0x8fc12005a39eeb70); });
-    FAKE(GetCurrentThreadId, [] { return 4242; });
+    Fake clock("_time64", [](auto &) { return 0x8fc12005a39eeb70; });
+    Fake thread("GetCurrentThreadId", [](auto &) { return 4242; });
     for (const wchar_t *path : {L"\\\\?\\C:\\d\\f", L"a/b\\c/f", L"f"})
         fprintf(stderr, "%ls\n", thr_osi_temp_name(path).c_str());
     exit(0);
@@ -116,16 +102,18 @@ TEST(Open, TurnsFlagsIntoASystemCallUnderAMutexNamedByThePath)
     };
     testing::internal::CaptureStderr();
     for (const auto &expected : cases) {
-        const auto [flags, mode, access, disposition, attributes] = expected;
-        FAKE(CreateFileW, [&](auto name, auto... args) {
-            const auto [asked, share, security, how, with, pattern] = std::tuple(args...);
-            EXPECT_EQ(std::tuple(flags, mode, asked, how, with), expected);
-            EXPECT_EQ(std::tuple(path, share, pattern), std::tuple(name, 7u, nullptr));
-            EXPECT_EQ(security->bInheritHandle, !(flags & _O_NOINHERIT));
+        const int flags = std::get<0>(expected), mode = std::get<1>(expected);
+        Fake create("CreateFileW", [&](const Call &call) {
+            EXPECT_EQ(path, call.arg<LPCWSTR>(0));
+            EXPECT_EQ(
+                std::tuple(flags, mode, call.arg<DWORD>(1), call.arg<DWORD>(4), call.arg<DWORD>(5)),
+                expected);
+            EXPECT_EQ(call.arg<DWORD>(2), 7u);
+            EXPECT_EQ(call.arg<SECURITY_ATTRIBUTES *>(3)->bInheritHandle, !(flags & _O_NOINHERIT));
             expect_elsewhere(WAIT_TIMEOUT);
-            return INVALID_HANDLE_VALUE;
+            return -1;
         });
-        EXPECT_EQ(thr_osi_open(path, flags, mode) + fake_CreateFileW.calls, 0);
+        EXPECT_EQ(thr_osi_open(path, flags, mode) + create.calls(), 0);
         expect_elsewhere(WAIT_OBJECT_0);
     }
     EXPECT_EQ(testing::internal::GetCapturedStderr(), // of the last case
@@ -156,9 +144,9 @@ TEST(Files, AreWrittenFoundAndRemovedUnderAnyName)
     EXPECT_EQ(thr_osi_stat((path + "\\").c_str(), &record), 0);
     EXPECT_EQ(record.st_mode & 0xC000, 0x4000);
     {
-        FAKE(CreateFileW, [](auto... args) {
-            EXPECT_FALSE(std::get<3>(std::tuple(args...))->bInheritHandle) << "by a child";
-            return INVALID_HANDLE_VALUE;
+        Fake create("CreateFileW", [](const Call &call) {
+            EXPECT_FALSE(call.arg<SECURITY_ATTRIBUTES *>(3)->bInheritHandle) << "by a child";
+            return -1;
         });
         EXPECT_EQ(thr_osi_stat(file.c_str(), &record) + thr_osi_stat(nullptr, &record), -2);
     }
@@ -185,19 +173,19 @@ TEST(Remove, RenamesAFileThatCantBeDeleted)
     };
     for (const auto &[attributes, refused_deletes, refused_moves, result, moves] : cases) {
         std::wstring deleted, renamed = L"not at all";
-        FAKE(DeleteFileW, [&, refused = refused_deletes](LPCWSTR path) {
-            deleted = path;
-            return fake_DeleteFileW.calls > refused;
+        Fake remove("DeleteFileW", [&, refused = refused_deletes](const Call &call) {
+            deleted = call.arg<LPCWSTR>(0);
+            return call.nth > refused;
         });
-        FAKE(MoveFileW, [&, refused = refused_moves](LPCWSTR, LPCWSTR to) {
-            renamed = to;
-            return fake_MoveFileW.calls > refused;
+        Fake move("MoveFileW", [&, refused = refused_moves](const Call &call) {
+            renamed = call.arg<LPCWSTR>(1);
+            return call.nth > refused;
         });
-        FAKE(GetFileAttributesW, [&, only_f = attributes](LPCWSTR path) {
-            return wcsstr(path, L".velkora.") ? INVALID_FILE_ATTRIBUTES : only_f;
+        Fake only_f("GetFileAttributesW", [&, f = attributes](const Call &call) {
+            return wcsstr(call.arg<LPCWSTR>(0), L".velkora.") ? INVALID_FILE_ATTRIBUTES : f;
         });
         EXPECT_EQ(thr_osi_remove("f"), result);
-        EXPECT_EQ(fake_MoveFileW.calls, moves);
+        EXPECT_EQ(move.calls(), moves);
         EXPECT_EQ(deleted == renamed, moves > refused_moves);
     }
 }
@@ -217,24 +205,28 @@ TEST(CurrentDirectory, IsReadWhenItFits)
         {longest + "d", 4096, 0, nullptr},
     };
     for (const auto &[directory, size, longer, read] : cases) {
-        FAKE(GetCurrentDirectoryW, [&, path = directory](DWORD capacity, LPWSTR text) {
-            const bool fits = path.size() < capacity;
-            wcscpy(text, fits ? std::wstring(path.begin(), path.end()).c_str() : L"");
-            return static_cast<DWORD>(path.size() + !fits);
+        Fake current("GetCurrentDirectoryW", [&, path = directory](const Call &call) {
+            const bool fits = path.size() < call.arg<DWORD>(0);
+            wcscpy(call.arg<LPWSTR>(1),
+                   fits ? std::wstring(path.begin(), path.end()).c_str() : L"");
+            return path.size() + !fits;
         });
         // Takes no flags, as where UTF-8 is the ANSI code page.
-        FAKE(WideCharToMultiByte,
-             [more = longer](UINT, DWORD flags, LPCWSTR text, int length, LPSTR to, auto...) {
-                 SetLastError(ERROR_INVALID_FLAGS);
-                 std::fill(std::copy(text, text + length, to), to + length + more, 'w');
-                 return flags ? 0 : length + more;
-             });
+        Fake convert("WideCharToMultiByte", [more = longer](const Call &call) {
+            const int length = call.arg<int>(3);
+            LPCWSTR text = call.arg<LPCWSTR>(2);
+            char *end = std::copy(text, text + length, call.arg<char *>(4));
+            std::fill(end, end + more, 'w');
+            SetLastError(ERROR_INVALID_FLAGS);
+            return call.arg<DWORD>(1) ? 0 : length + more;
+        });
         char buffer[4096];
         EXPECT_STREQ(thr_osi_getcwd(buffer, size), read);
         EXPECT_STREQ(THR_HEAP_TEXT(thr_osi_getcwd(nullptr, size)).get(), read);
     }
-    EXPECT_INTERNAL_ERROR((support::RefusedMalloc(1, OWN), thr_osi_getcwd(nullptr, 1000)), "buf",
-                          "thr_osi_sys");
+    EXPECT_INTERNAL_ERROR(
+        (support::RefusedMalloc(1, GetModuleHandleA(nullptr)), thr_osi_getcwd(nullptr, 1000)),
+        "buf", "thr_osi_sys");
 }
 
 // --- interprocess mode and processes ------------------------------------------------------------
@@ -270,7 +262,7 @@ TEST(PidActive, GoesByTheExitCode)
         EXPECT_TRUE(thr_is_pid_active(child.pid()));
         {
             // The system opens the neighbour of an id that is no multiple of four.
-            FAKE(GetProcessId, [](HANDLE) { return 4; });
+            Fake neighbour("GetProcessId", [](auto &) { return 4; });
             EXPECT_FALSE(thr_is_pid_active(child.pid()));
         }
         child.close_stdin();
@@ -331,7 +323,7 @@ ROLE(resolves_unentered)
 {
     thr_set_report_func(
         [](const char *message, const char *, const char *, int) { support::say(message); });
-    FAKE(SetCurrentDirectoryW, [](LPCWSTR) { return FALSE; });
+    Fake refused("SetCurrentDirectoryW", [](auto &) { return FALSE; });
     support::say(lock_path(args[0] + "/db"));
     return 0;
 }

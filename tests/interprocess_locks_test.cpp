@@ -1,5 +1,5 @@
 // The interprocess mutex and read-write semaphore of thr.dll, among real processes.
-#include "support/import_patch.h"
+#include "support/gates.h"
 #include "support/scene.h"
 #include "support/scratch_dir.h"
 
@@ -7,10 +7,11 @@
 
 #include <filesystem>
 #include <memory>
-#include <stdexcept>
 
 #include <gtest/gtest.h>
 
+using support::Call;
+using support::Gate;
 using support::ScratchDir;
 
 namespace
@@ -32,7 +33,7 @@ struct Gates {
 } gates;
 
 // A line that comes meanwhile is the number of polls after which to say so.
-void poll()
+intptr_t poll(const Call &call)
 {
     DWORD sent = 0;
     PeekNamedPipe(GetStdHandle(STD_INPUT_HANDLE), nullptr, 0, nullptr, &sent, nullptr);
@@ -40,19 +41,13 @@ void poll()
         gates.polls = std::stoi(*support::hear());
     else if (--gates.polls == 0)
         support::say("waits");
+    return call.go_on();
 }
 
 void pause(DWORD ms)
 {
-    ms == 10 ? gates.pauses++ : throw std::runtime_error("another pause");
-    poll();
-    Sleep(0);
-}
-
-HANDLE list(LPCWSTR pattern, WIN32_FIND_DATAW *entry)
-{
-    poll();
-    return FindFirstFileW(pattern, entry);
+    gates.pauses += ms == 10;
+    Sleep(ms == 10 ? 0 : ms);
 }
 
 // Whether a file is open and shared with nobody; its holder can't open it either.
@@ -64,20 +59,20 @@ bool is_held(const std::string &name)
     return opened == INVALID_HANDLE_VALUE && GetLastError() == ERROR_SHARING_VIOLATION;
 }
 
-HANDLE create(LPCWSTR path, DWORD access, DWORD share, SECURITY_ATTRIBUTES *security,
-              DWORD disposition, DWORD attributes, HANDLE pattern)
+intptr_t create(const Call &call)
 {
-    const bool is_of_semaphore = wcsstr(path, L".rdr.flock") || wcsstr(path, L".wtr.flock");
-    if (is_of_semaphore && !is_held(".cri.mtx.flock"))
+    const std::wstring path = call.arg<LPCWSTR>(0),
+                       suffix(gates.refused.begin(), gates.refused.end());
+    if (path.find(L"r.flock") != path.npos && !is_held(".cri.mtx.flock"))
         support::say("not under the atomic lock");
-    if (security->bInheritHandle)
+    if (call.arg<SECURITY_ATTRIBUTES *>(3)->bInheritHandle)
         support::say("inherited by a child");
-    const std::wstring suffix(gates.refused.begin(), gates.refused.end());
-    const bool is_one = path + wcslen(path) - suffix.size() == suffix;
-    if (!is_one || gates.let_through-- > 0 || gates.refusals-- <= 0)
-        return CreateFileW(path, access, share, security, disposition, attributes, pattern);
+    const size_t start = path.size() - suffix.size();
+    if (path.compare(start, path.npos, suffix) != 0 || gates.let_through-- > 0 ||
+        gates.refusals-- <= 0)
+        return call.go_on();
     SetLastError(ERROR_ACCESS_DENIED);
-    return INVALID_HANDLE_VALUE;
+    return -1;
 }
 
 const std::string OWN = "." + std::to_string(GetCurrentProcessId());
@@ -105,11 +100,12 @@ const support::Orders ORDERS = {
 ROLE(obeys)
 {
     // No Windows enters a directory that is so long, but Wine does.
-    auto enter = [](LPCWSTR d) { return wcslen(d) < 260 ? SetCurrentDirectoryW(d) : FALSE; };
-    support::ImportPatch patches[] = {{"SetCurrentDirectoryW", +enter},
-                                      {"CreateFileW", &create},
-                                      {"Sleep", &pause},
-                                      {"FindFirstFileW", &list}};
+    auto enter = [](const Call &call) {
+        return wcslen(call.arg<LPCWSTR>(0)) < 260 ? call.go_on() : 0;
+    };
+    Gate entering("SetCurrentDirectoryW", enter), creating("CreateFileW", create);
+    Gate listing("FindFirstFileW", poll), pausing("Sleep", poll);
+    pausing.lead_to(&pause);
     thr_set_report_func([](const char *message, const char *, const char *, int) {
         support::say(message);
         support::hear();
