@@ -2,7 +2,7 @@
 #include "thr/thr.h"
 
 #include "support/child.h"
-#include "support/import_patch.h"
+#include "support/gates.h"
 #include "support/recorders.h"
 #include "support/scratch_dir.h"
 

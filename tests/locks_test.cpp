@@ -1,5 +1,5 @@
 // Events, mutexes and the read-write semaphore among threads, through the classes over them.
-#include "support/import_patch.h"
+#include "support/gates.h"
 #include "support/scene.h"
 
 #include "thr/thr_classes.h"

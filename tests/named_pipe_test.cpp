@@ -1,5 +1,5 @@
 // The named pipes of thr.dll, among processes and call by call.
-#include "support/import_patch.h"
+#include "support/gates.h"
 #include "support/recorders.h"
 #include "support/scene.h"
 
@@ -15,6 +15,8 @@
 namespace
 {
 
+using support::Call;
+using support::Gate;
 using Pipe = THR_NAMED_PIPE;
 
 const std::pair<const char *, bool (Pipe::*)()> FUNCTIONS[] = {
@@ -25,17 +27,17 @@ const std::pair<const char *, bool (Pipe::*)()> FUNCTIONS[] = {
 // Obeys with a pipe, which reads 5 bytes, peeks at 3, and writes the next word; "-" is no byte.
 std::string obey(Pipe &pipe, const std::string &line)
 {
-    auto bytes = [](int count, const char *bytes) {
-        return count < 0 ? "-1" : "'" + std::string(bytes, count) + "'";
+    auto text_of = [](int count, const char *text) {
+        return count < 0 ? "-1" : "'" + std::string(text, count) + "'";
     };
-    char text[8];
+    char bytes[8];
     support::Orders orders = {
-        {"read", [&](auto &) { return bytes(pipe.read(text, 5), text); }},
-        {"peek", [&](auto &) { return bytes(pipe.peek(text, 3), text); }},
+        {"read", [&](auto &) { return text_of(pipe.read(bytes, 5), bytes); }},
+        {"peek", [&](auto &) { return text_of(pipe.peek(bytes, 3), bytes); }},
         {"write",
          [&](auto &words) {
-             words >> text;
-             return pipe.write(text, *text == '-' ? 0 : strlen(text));
+             words >> bytes;
+             return pipe.write(bytes, *bytes == '-' ? 0 : strlen(bytes));
          }},
         {"error", [&](auto &) { return pipe.get_error(); }},
         {"name", [&](auto &) { return std::string(pipe.get_name() ? pipe.get_name() : "-"); }}};
@@ -106,13 +108,13 @@ support::ImportPatch spy(const char *name, Result (*)(First, Rest...))
 TEST(NamedPipe, AsksForWhatItNeedsAndForgetsReleasedHandles)
 {
     EXPECT_INTERNAL_ERROR(Pipe(nullptr), "name != 0", "thr_named_pipe");
-    static int blocks; // of memory that the library has
-    auto *take = +[](size_t size) { return ++blocks, malloc(size); };
-    auto *give = +[](void *block) { blocks -= !!block, free(block); };
-    support::ImportPatch patches[] = {
-        SPY('m', CreateNamedPipeA), SPY('o', CreateFileA),      SPY('w', WaitNamedPipeA),
-        SPY('c', ConnectNamedPipe), SPY('f', FlushFileBuffers), SPY('d', DisconnectNamedPipe),
-        SPY('x', CloseHandle),      {"malloc", take},           {"free", give}};
+    int blocks = 0; // of memory that the library has
+    Gate take("malloc", [&](const Call &call) { return ++blocks, call.go_on(); });
+    Gate give("free", [&](const Call &call) { return blocks -= !!call.args[0], call.go_on(); });
+    support::ImportPatch patches[] = {SPY('m', CreateNamedPipeA), SPY('o', CreateFileA),
+                                      SPY('w', WaitNamedPipeA),   SPY('c', ConnectNamedPipe),
+                                      SPY('f', FlushFileBuffers), SPY('d', DisconnectNamedPipe),
+                                      SPY('x', CloseHandle)};
     const std::string longest(503, 'n');
     std::string all_refused, all_tried;
     for (int i = 0; i < 255; i++) {

@@ -1,7 +1,7 @@
 // The tests run on the thread that loaded the library: its main thread.
 #include "thr/thr.h"
 
-#include "support/import_patch.h"
+#include "support/gates.h"
 
 #include <atomic>
 #include <cstdint>
