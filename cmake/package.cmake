@@ -194,6 +194,7 @@ if(TARGET test_support)
   install_licenses(DESTINATION licenses ${in_bundle})
 
   get_property(tests DIRECTORY tests PROPERTY TESTS)
+  list(TRANSFORM tests REPLACE "^thr_bench_calls$" "thr_bench --calls")
   list(JOIN tests "\n" tests)
   file(WRITE ${PROJECT_BINARY_DIR}/bundle/programs.txt "${tests}\n")
   configure_file(scripts/run_tests.cmd bundle/run_tests.cmd @ONLY NEWLINE_STYLE CRLF)
