@@ -42,7 +42,7 @@ template <class Mutex> void hand_over(Line *line, LONG number, Mutex &mutex)
 {
     InterlockedIncrement(&line->inside);
     while (line->active != 0) {
-        mutex.lock();
+        (void)mutex.lock();
         line->last = number;
         InterlockedIncrement(&line->hand_overs);
         Sleep(1); // what the mutex is held for
@@ -148,8 +148,8 @@ Measurement measure_queue(Queue &queue, int waiters, bool is_quick)
 template <class Mutex> Batch meeting(Mutex &holder, Mutex &next)
 {
     return {{}, [&] {
-                holder.lock(), next.try_lock(), holder.unlock();
-                next.lock(), next.unlock();
+                (void)holder.lock(), (void)next.try_lock(), holder.unlock();
+                (void)next.lock(), next.unlock();
             }};
 }
 

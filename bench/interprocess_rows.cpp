@@ -59,7 +59,7 @@ void ip_rw_sem_rows(Report &report, const std::string &directory)
                 throw std::runtime_error("can't make a reader file");
         }
         report.row({"ip rw sem write try-lock, " + std::to_string(count) + " readers", 1.08,
-                    repeat([=] { thr_ip_rw_sem_write_try_lock(sem); }),
+                    repeat([=] { (void)thr_ip_rw_sem_write_try_lock(sem); }),
                     repeat([&] { raw_sem.write_try_lock(); })});
     }
     for (HANDLE file : readers)

@@ -2,8 +2,12 @@
 # library and its hosts; its DLLs lie beside thr.dll. They come from where the compiler says, from
 # the folders that the toolchain file names, or from beside the compiler. Compilers' packages ship
 # them with debug information, ten times the size: the target thr_runtime copies them without.
-set(strip ${CMAKE_OBJCOPY} --strip-unneeded)
-execute_process(COMMAND ${CMAKE_OBJCOPY} --version OUTPUT_VARIABLE objcopy_version)
+# They are GCC's: a toolchain whose own objcopy can't read them names GCC's as THR_OBJCOPY.
+if(NOT THR_OBJCOPY)
+  set(THR_OBJCOPY ${CMAKE_OBJCOPY})
+endif()
+set(strip ${THR_OBJCOPY} --strip-unneeded)
+execute_process(COMMAND ${THR_OBJCOPY} --version OUTPUT_VARIABLE objcopy_version)
 if(NOT objcopy_version MATCHES "llvm")
   list(APPEND strip -p) # GNU's writes the time of day into a DLL, but for this
 endif()

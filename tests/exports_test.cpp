@@ -29,7 +29,7 @@ std::string content_of(const std::string &path)
 std::map<std::string, std::string> declarations()
 {
     const std::string header = content_of(fixture("thr.h"));
-    const std::regex declaration(R"(THR_API [\w *]*?(\w+)(\([^()]*\))?;)");
+    const std::regex declaration(R"(THR_API [\w\s*]*?(\w+)(\([^()]*\))?;)");
     std::map<std::string, std::string> found;
     for (std::sregex_iterator it(header.begin(), header.end(), declaration), end; it != end; ++it)
         found[(*it)[1]] = it->str();

@@ -71,18 +71,18 @@ struct Life {
         EXPECT_TRUE(GetExitCodeThread(thread, &status) && status == 0);
         CloseHandle(std::exchange(thread, nullptr));
     }
-    void give_up(THR_THREAD_ID id, Ending ending)
+    void give_up(THR_THREAD_ID given, Ending ending)
     {
         auto wait = ending == REFUSED_WAIT ? +[](HANDLE, DWORD) -> DWORD { return WAIT_ABANDONED; }
                                            : &WaitForSingleObject;
         ImportPatch patch("WaitForSingleObject", wait);
         is_given_up = true;
         if (ending == TERMINATE)
-            thr_thread_terminate_and_possibly_crash(id);
+            thr_thread_terminate_and_possibly_crash(given);
         else if (ending == DETACH)
-            thr_thread_detach(id);
+            thr_thread_detach(given);
         else
-            value = thr_thread_wait(id);
+            value = thr_thread_wait(given);
     }
 } * life;
 

@@ -126,7 +126,8 @@ uint8_t *new_thunk_place()
         const uint8_t unwind[] = {1, 4, 1, 0, 4, 0x42, 0, 0}; // one step, of 40 bytes
         memcpy(room, unwind, sizeof unwind);
         for (DWORD i = 0; i < THUNKS; ++i)
-            functions[i] = {DWORD((i + 1) * THUNK_SIZE), DWORD((i + 2) * THUNK_SIZE), {0}};
+            functions[i].BeginAddress = (i + 1) * THUNK_SIZE,
+            functions[i].EndAddress = (i + 2) * THUNK_SIZE;
         RtlAddFunctionTable(functions, THUNKS, reinterpret_cast<DWORD64>(room));
     }
     LONG number = InterlockedIncrement(&used);
