@@ -36,15 +36,6 @@ logs=$build/test-logs
 passed=0 failed=0 skipped=0
 failed_programs=()
 
-# The preset's own prefix. Its heaps check each block's tail (0x10), and that a free one stays as it
-# is (0x20).
-start_wine_for_tests()
-{
-    start_wine "$build/wine"
-    "$wine" reg add 'HKLM\System\CurrentControlSet\Control\Session Manager' /v GlobalFlag \
-        /t REG_DWORD /d 0x30 /f </dev/null >/dev/null 2>&1 || die "Wine has no registry"
-}
-
 # The number in a program's last line that begins with this bracketed word, else 0.
 count_of()
 {
@@ -140,7 +131,7 @@ run_programs()
     [ ${#programs[@]} -ne 0 ] || die "no test program is registered in tests/CMakeLists.txt"
     rm -rf "$logs"
     mkdir -p "$logs"
-    start_wine_for_tests
+    start_wine "$build/wine"
     for program in "${programs[@]}"; do
         [ "$filter" != '*' ] && ! has_tests "$program" || run_program "$program"
     done

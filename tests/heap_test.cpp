@@ -1,7 +1,9 @@
-// That the tests would find damage to the heap.
-#include "support/heap.h"
+// That the tests would find damage to the heap: to blocks of this program, of the library and of
+// the C++ runtime.
+#include "thr/thr.h"
 
 #include <cstdlib>
+#include <new>
 
 #include <gtest/gtest.h>
 
@@ -10,32 +12,42 @@
 namespace
 {
 
-using support::are_heaps_sound;
-using support::checked_free;
+const struct Origin {
+    void *(*take)();
+    void (*release)(void *);
+} ORIGINS[] = {
+    {[] { return malloc(24); }, [](void *block) { free(block); }},
+    {[]() -> void * { return thr_rw_sem_create(); },
+     [](void *sem) { thr_rw_sem_destroy(static_cast<THR_RW_SEM>(sem)), free(sem); }},
+    {[] { return operator new(24); }, [](void *block) { operator delete(block); }},
+};
+
+void write_past(const Origin &origin)
+{
+    auto *block = static_cast<volatile char *>(origin.take());
+    block[4096 - reinterpret_cast<size_t>(block) % 4096] = 'x';
+}
+
+void write_late(const Origin &origin)
+{
+    auto *block = static_cast<volatile char *>(origin.take());
+    origin.release(const_cast<char *>(block));
+    *block = 'x';
+}
 
 TEST(HeapDeathTest, DamageIsFound)
 {
-    using Flags = ULONG(WINAPI *)();
-    auto flags = reinterpret_cast<Flags>(reinterpret_cast<void *>(
-        GetProcAddress(GetModuleHandleA("ntdll.dll"), "RtlGetNtGlobalFlags")));
-    if ((flags() & 0x30) != 0x30)
-        GTEST_SKIP() << "the system's heap checks are off: scripts/test.sh puts them on";
-    volatile size_t size = 24; // which the compiler then does not know
-    auto *written_past = static_cast<volatile char *>(malloc(size));
-    const char tail = written_past[size];
-    written_past[size] = 'x';
-    EXPECT_FALSE(are_heaps_sound());
-    EXPECT_EXIT(checked_free(const_cast<char *>(written_past)), testing::ExitedWithCode(3),
-                "A damaged or foreign block");
-    written_past[size] = tail;
-    auto *written_late = static_cast<volatile char *>(malloc(size));
-    checked_free(const_cast<char *>(written_late));
-    const char filling = written_late[size / 2];
-    written_late[size / 2] = 'x';
-    EXPECT_FALSE(are_heaps_sound());
-    written_late[size / 2] = filling;
-    EXPECT_TRUE(are_heaps_sound());
-    checked_free(const_cast<char *>(written_past));
+    const testing::ExitedWithCode crashed(static_cast<int>(STATUS_ACCESS_VIOLATION));
+    for (const Origin &origin : ORIGINS) {
+        EXPECT_EXIT(write_past(origin), crashed, "");
+        EXPECT_EXIT(write_late(origin), crashed, "");
+    }
+    for (int offset : {-1, 24}) {
+        auto *block = static_cast<char *>(malloc(24));
+        char *volatile damaged = block + offset;
+        EXPECT_EXIT((*damaged = 'x', free(block)), testing::ExitedWithCode(3), "damaged block");
+        free(block);
+    }
 }
 
 } // namespace

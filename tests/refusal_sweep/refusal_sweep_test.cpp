@@ -7,7 +7,6 @@
 
 #include "support/child.h"
 #include "support/handles.h"
-#include "support/heap.h"
 #include "support/import_patch.h"
 #include "support/scratch_dir.h"
 
@@ -135,7 +134,6 @@ void act(const Scenario &scenario, const std::string &directory, Gate *gate, con
     const char *left = clear(directory, name);
     must(!left, left);
     must(used.entered == entered, "a lock is still held");
-    must(support::are_heaps_sound(), "the heap is damaged");
     must(name == "SetCurrentDirectoryW" || strcmp(home, now) == 0, "another current directory");
     must(refusal.operation || !(run.reports || run.failures || run.traces),
          "a failure without a refusal");

@@ -2,8 +2,10 @@
 
 #include "support/import_patch.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 
 #include <malloc.h>
 #include <windows.h>
@@ -11,38 +13,123 @@
 namespace support
 {
 
-bool are_heaps_sound()
+namespace
 {
-    HANDLE heaps[64];
-    DWORD count = GetProcessHeaps(64, heaps);
-    bool are_sound = count <= 64;
-    for (DWORD i = 0; are_sound && i < count; ++i)
-        are_sound = HeapValidate(heaps[i], 0, nullptr);
-    return are_sound;
+
+const size_t ALIGNMENT = 16; // of a block, which no type may need more of
+const size_t PAGE = 4096;
+const size_t ARENA = size_t(1) << 36; // bytes of addresses, each used once
+const char FILLING = '\xcd';
+
+char *arena;
+volatile LONG64 arena_used;
+
+size_t round_up(size_t size, size_t unit)
+{
+    return (size + unit - 1) / unit * unit;
 }
+
+// Of a block: its size, a filling, and the block at the end, as far as its alignment lets it. An
+// inaccessible page follows.
+struct Pages {
+    size_t size;
+
+    char *start() { return reinterpret_cast<char *>(this); }
+    char *end() { return start() + round_up(ALIGNMENT + round_up(size, ALIGNMENT), PAGE); }
+    char *block() { return end() - round_up(size, ALIGNMENT); }
+};
+
+// Null: the block is older.
+Pages *pages_of(void *block)
+{
+    size_t offset = static_cast<char *>(block) - arena;
+    return offset < ARENA ? reinterpret_cast<Pages *>(arena + (offset - ALIGNMENT) / PAGE * PAGE)
+                          : nullptr;
+}
+
+// What the runtimes have their blocks in.
+HANDLE older_heap()
+{
+    return reinterpret_cast<HANDLE>(_get_heap_handle());
+}
+
+void *guarded_malloc(size_t size)
+{
+    Pages pages{size};
+    size_t length = pages.end() - pages.start();
+    if (size > ARENA)
+        return nullptr;
+    LONG64 offset = InterlockedExchangeAdd64(&arena_used, length + PAGE);
+    void *room = VirtualAlloc(arena + offset, length, MEM_COMMIT, PAGE_READWRITE);
+    if (!room)
+        return nullptr;
+    memset(room, FILLING, length);
+    return static_cast<Pages *>(memcpy(room, &size, sizeof size))->block();
+}
+
+void *guarded_calloc(size_t count, size_t size)
+{
+    void *block = size && count > ARENA / size ? nullptr : guarded_malloc(count * size);
+    return block ? memset(block, 0, count * size) : nullptr;
+}
+
+void *guarded_realloc(void *block, size_t size)
+{
+    void *other = guarded_malloc(size);
+    if (!block || !other)
+        return other;
+    Pages *pages = pages_of(block);
+    size_t old_size = pages ? pages->size : HeapSize(older_heap(), 0, block);
+    memcpy(other, block, std::min(size, old_size));
+    checked_free(block);
+    return other;
+}
+
+char *guarded_strdup(const char *text)
+{
+    void *copy = guarded_malloc(strlen(text) + 1);
+    return copy ? strcpy(static_cast<char *>(copy), text) : nullptr;
+}
+
+// Each module's import of this name leads there, for the life of the process.
+template <class F> void replace(const char *name, F *guarded)
+{
+    for (const char *file : {"thr.dll", "libstdc++-6.dll", static_cast<const char *>(nullptr)}) {
+        HMODULE module = GetModuleHandleA(file);
+        for (const Import &import : module ? imports_of(module) : std::vector<Import>()) {
+            if (import.function == name)
+                new ImportPatch(name, guarded, module);
+        }
+    }
+}
+
+} // namespace
 
 void checked_free(void *block)
 {
-    if (block && !HeapValidate(reinterpret_cast<HANDLE>(_get_heap_handle()), 0, block)) {
-        fprintf(stderr, "A damaged or foreign block is freed: %p\n", block);
+    Pages *pages = pages_of(block);
+    if (!pages) {
+        HeapFree(older_heap(), 0, block);
+        return;
+    }
+    auto is_filling = [](char byte) { return byte == FILLING; };
+    if (block != pages->block() ||
+        !std::all_of(pages->start() + sizeof *pages, pages->block(), is_filling) ||
+        !std::all_of(pages->block() + pages->size, pages->end(), is_filling)) {
+        fprintf(stderr, "a damaged block is freed, or what is none: %p\n", block);
         abort();
     }
-    // not by this program's import, which leads here again
-    static const FARPROC real_free = GetProcAddress(GetModuleHandleA("msvcrt.dll"), "free");
-    reinterpret_cast<void (*)(void *)>(reinterpret_cast<void *>(real_free))(block);
+    VirtualFree(pages, pages->end() - pages->start(), MEM_DECOMMIT);
 }
 
-void check_freed_blocks()
+void guard_heap()
 {
-    for (const char *name : {"thr.dll", "libstdc++-6.dll", static_cast<const char *>(nullptr)}) {
-        HMODULE module = GetModuleHandleA(name);
-        if (!module)
-            continue;
-        for (const Import &import : imports_of(module)) {
-            if (import.function == "free")
-                new ImportPatch("free", &checked_free, module); // for the life of the process
-        }
-    }
+    arena = static_cast<char *>(VirtualAlloc(nullptr, ARENA, MEM_RESERVE, PAGE_NOACCESS));
+    replace("free", &checked_free); // before there is a block that only this one may free
+    replace("realloc", &guarded_realloc);
+    replace("malloc", &guarded_malloc);
+    replace("calloc", &guarded_calloc);
+    replace("_strdup", &guarded_strdup);
 }
 
 } // namespace support

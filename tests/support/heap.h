@@ -1,20 +1,18 @@
-// Checks of the process's heaps. The system finds a write past a block's end or into a freed block
-// when its tail and free checks are on, as scripts/test.sh has them; without these only damage to
-// its own lists shows.
+// Finds damage to the heap by means that every system has: each block of the library, the C++
+// runtime and the test program ends at an inaccessible page, and a freed one is never used again.
 #ifndef THR_TESTS_HEAP_H
 #define THR_TESTS_HEAP_H
 
 namespace support
 {
 
-// Whether all heaps of the process are as they should be.
-bool are_heaps_sound();
+// From now on a write or read past a block's end or of a freed block crashes the process. What is
+// less than 16 bytes off a block ends it when the block is freed. Blocks that are older stay as
+// they are, and may be freed.
+void guard_heap();
 
-// free() that ends the process when the block is none, or something was written past its end.
+// The free() of guarded blocks and of older ones.
 void checked_free(void *block);
-
-// From now on the library, the C++ runtime and this program free with checked_free().
-void check_freed_blocks();
 
 } // namespace support
 
