@@ -23,10 +23,11 @@ function(thr_separate_debug_information dll objects)
       set_target_properties(${dll} PROPERTIES CXX_LINKER_LAUNCHER "${launcher}")
     endif()
   endif()
+  # -p keeps the linker's time stamp.
   add_custom_command(TARGET ${dll} POST_BUILD
-    COMMAND ${CMAKE_OBJCOPY} --only-keep-debug ${file} ${file}.debug
-    COMMAND ${CMAKE_OBJCOPY} --strip-all ${file}
-    COMMAND ${CMAKE_OBJCOPY} --add-gnu-debuglink=${file}.debug ${file}
+    COMMAND ${CMAKE_OBJCOPY} -p --only-keep-debug ${file} ${file}.debug
+    COMMAND ${CMAKE_OBJCOPY} -p --strip-all ${file}
+    COMMAND ${CMAKE_OBJCOPY} -p --add-gnu-debuglink=${file}.debug ${file}
     BYPRODUCTS ${outputs}
     VERBATIM)
 endfunction()

@@ -11,6 +11,7 @@ set(thr_libstdcxx ${thr_gcc_dir}/include/c++)
 
 set(CMAKE_C_COMPILER clang)
 set(CMAKE_CXX_COMPILER clang++)
+set(CMAKE_OBJCOPY ${thr_target}-objcopy) # clang's does not read every DLL of GCC's runtime
 set(CMAKE_C_COMPILER_TARGET ${thr_target})
 set(CMAKE_CXX_COMPILER_TARGET ${thr_target})
 # GCC's runtime keeps its thread-local variables in GCC's own way.
