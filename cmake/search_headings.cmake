@@ -1,20 +1,30 @@
 # cmake -DTAGS=file -DHTML=folder -P search_headings.cmake
-# Adds the headings of the pages to the manual's search, each under every word that it begins or
-# goes on with: Doxygen before 1.9.5 knows titles of pages only. In the folder search there is a
-# file <section>_<number>.js for each first letter, numbered in the order of searchdata.js, and a
-# page of the same name that shows it.
+# Says what the manual's search knows where it finds nothing, and adds the headings of the pages to
+# it, each under every word that it begins or goes on with: Doxygen before 1.9.5 knows titles of
+# pages only. In the folder search that one has a file <section>_<number>.js for each first letter,
+# numbered in the order of searchdata.js, and a page of the same name that shows it.
 cmake_policy(VERSION 3.21)
 set(search ${HTML}/search)
 file(READ ${TAGS} tags)
-file(GLOB known ${search}/pages_*.js)
+
+# --- what it says where nothing is found ----------------------------------------------------------
+
+file(GLOB pages ${HTML}/*.html ${search}/*.html)
+foreach(page ${pages})
+  file(READ ${page} text)
+  string(REPLACE ">No Matches<" ">Nothing begins so. Only names, titles and headings are known.<"
+    text "${text}")
+  file(WRITE ${page} "${text}")
+endforeach()
+
+# --- a row for each word of each heading, in rows_<letter> ----------------------------------------
+
+file(GLOB known ${search}/all_*.js)
 set(known_rows)
 foreach(file ${known})
   file(READ ${file} text)
   string(APPEND known_rows "${text}")
 endforeach()
-
-# --- a row for each word of each heading, in rows_<letter> ----------------------------------------
-
 set(new_letters)
 set(count 0)
 string(REGEX MATCHALL "<docanchor file=\"[^\"]+\" title=\"[^\"]+\">[^<]+<" anchors "${tags}")
@@ -23,7 +33,7 @@ foreach(anchor ${anchors})
   set(link "${CMAKE_MATCH_1}.html#${CMAKE_MATCH_3}")
   set(title "${CMAKE_MATCH_2}")
   string(FIND "${known_rows}" "${link}'" position)
-  if(NOT position EQUAL -1)
+  if(NOT position EQUAL -1 OR link MATCHES "#md_") # Doxygen's own name for a whole page
     continue()
   endif()
   if(NOT title MATCHES "^[A-Za-z0-9 ,:-]+$")
@@ -52,7 +62,7 @@ if(NOT new_letters)
   return()
 endif()
 
-# --- the files, with the letters that came ---------------------------------------------------------
+# --- the files, with the letters that came --------------------------------------------------------
 
 file(READ ${search}/searchdata.js data)
 foreach(section all pages)
@@ -91,13 +101,3 @@ foreach(section all pages)
   string(REPLACE "${match}" "  ${number}: \"${letters}\"" data "${data}")
 endforeach()
 file(WRITE ${search}/searchdata.js "${data}")
-
-# --- what it says where nothing is found -----------------------------------------------------------
-
-file(GLOB pages ${search}/*.html)
-foreach(page ${pages})
-  file(READ ${page} text)
-  string(REPLACE ">No Matches<" ">Nothing begins so. Only names, titles and headings are known.<"
-    text "${text}")
-  file(WRITE ${page} "${text}")
-endforeach()
