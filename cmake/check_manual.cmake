@@ -1,7 +1,8 @@
-# cmake -DDEF=thr.def -DTAGS=file -P check_manual.cmake, in the source folder
-# What Doxygen can't know: the manual has every plain name that the library exports; the page of
-# reports has every text that the sources report, and every report that it, the other pages or the
-# public headers quote is one that the sources make.
+# cmake -DDEF=thr.def -DTAGS=file -DHTML=folder -DPICTURES=bool -P check_manual.cmake, in the source
+# folder
+# What Doxygen can't know: the manual has every plain name that the library exports, and its
+# pictures; the page of reports has every text that the sources report, and every report that it,
+# the other pages or the public headers quote is one that the sources make.
 cmake_policy(VERSION 3.21)
 file(READ ${TAGS} tags)
 file(STRINGS ${DEF} exports REGEX "^    ")
@@ -10,6 +11,14 @@ foreach(export ${exports})
   string(FIND "${tags}" "<name>${name}</name>" position)
   if(position EQUAL -1)
     message(SEND_ERROR "${name} is exported, and missing in the manual: add its Doxygen comment")
+  endif()
+endforeach()
+
+file(GLOB pictures docs/manual/*.dot)
+foreach(picture ${pictures})
+  get_filename_component(name ${picture} NAME_WE)
+  if(PICTURES AND NOT EXISTS ${HTML}/dot_${name}.svg)
+    message(SEND_ERROR "no page shows the picture ${picture}")
   endif()
 endforeach()
 
@@ -25,7 +34,8 @@ foreach(source ${sources})
   # the condition itself; or the first literal, up to a placeholder or line break
   string(REGEX MATCHALL "THR_(CHECK|ASSERT)\\([^\n]*\\);" conditions "${text}")
   string(REGEX MATCHALL
-    "(THR_[A-Z0-9_]*(_AS|_WIN32|_HANDLE)\\([^\";]*|thr_debug_message\\(|perror\\(|[ (]fail\\(|fprintf\\(stderr, )\"[^\"%\\]+"
+    "(THR_[A-Z0-9_]*(_AS|_WIN32|_HANDLE)\\([^\";]*|thr_debug_message\\(|\
+perror\\(|[ (]fail\\(|fprintf\\(stderr, )\"[^\"%\\]+"
     literals "${text}")
   foreach(found ${conditions} ${literals})
     string(REGEX REPLACE "^THR_(CHECK|ASSERT)\\((.*)\\)$" "\\2" found "${found}")
@@ -81,7 +91,8 @@ foreach(file ${pages})
   if(file MATCHES "[.]h$")
     string(REGEX REPLACE "\n *[*] +" " " text "${text}")
     string(REGEX MATCHALL
-      "([Ii]nternal error|OS +failure)s?( report)?[^\".]?[^\".]?\"[^\"]+\"( and \"[^\"]+\")?" named "${text}")
+      "([Ii]nternal error|OS +failure)s?( report)?[^\".]?[^\".]?\"[^\"]+\"( and \"[^\"]+\")?"
+      named "${text}")
     string(REGEX MATCHALL "\"[^\"]+\"" named "${named}")
   endif()
   string(REGEX MATCHALL "[`\"][a-z_>*-]+(\\(\\))? (!=|==|>=|>) [^`\"\n]+[`\"]" conditions "${text}")

@@ -32,6 +32,12 @@ list(TRANSFORM public_headers PREPEND ${PROJECT_SOURCE_DIR}/)
 set(manual ${PROJECT_BINARY_DIR}/docs/html)
 find_program(THR_DOXYGEN doxygen DOC "makes the manual")
 if(THR_DOXYGEN)
+  find_program(THR_DOT dot DOC "draws the pictures of the manual")
+  set(thr_have_dot YES)
+  if(NOT THR_DOT)
+    set(thr_have_dot NO)
+    message(STATUS "dot not found (install graphviz or set THR_DOT): the manual has no pictures")
+  endif()
   configure_file(docs/Doxyfile.in docs/Doxyfile @ONLY)
   set(made ${PROJECT_BINARY_DIR}/docs/made)
   set(tags ${PROJECT_BINARY_DIR}/docs/thr.tag)
@@ -40,7 +46,8 @@ if(THR_DOXYGEN)
   add_custom_command(OUTPUT ${made} ${manual}/index.html
     COMMAND ${CMAKE_COMMAND} -E rm -rf ${manual}
     COMMAND ${THR_DOXYGEN} ${PROJECT_BINARY_DIR}/docs/Doxyfile
-    COMMAND ${CMAKE_COMMAND} -DDEF=${def} -DTAGS=${tags} -P ${scripts}/check_manual.cmake
+    COMMAND ${CMAKE_COMMAND} -DDEF=${def} -DTAGS=${tags} -DHTML=${manual}
+            -DPICTURES=${thr_have_dot} -P ${scripts}/check_manual.cmake
     COMMAND ${CMAKE_COMMAND} -DTAGS=${tags} -DHTML=${manual} -P ${scripts}/search_headings.cmake
     COMMAND ${CMAKE_COMMAND} -E touch ${made}
     DEPENDS ${def} ${manual_sources} ${PROJECT_BINARY_DIR}/docs/Doxyfile

@@ -20,6 +20,7 @@ requirements=(
     doxygen=doxygen
     meson=meson
     pkgconf=pkgconf
+    graphviz=dot
     clang=clang++
     lld=ld.lld
     llvm=llvm-dlltool
