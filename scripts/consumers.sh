@@ -1,30 +1,45 @@
 #!/usr/bin/env bash
-# Usage: scripts/consumers.sh
+# Usage: scripts/consumers.sh [--preset NAME]
 #
 # Makes the package, unpacks it into build/consumers and checks what a user gets: every public
 # header by itself with two compilers, programs in C and C++ and the examples built against these
 # files alone, by CMake, Meson, pkg-config and hand, and run under Wine, and what they print. The
 # package has the manual, made with warnings as errors.
+#
+#   --preset NAME  the package to check: windows (the default) or windows-ucrt
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-take_no_arguments "$@"
+
+case ${1-} in
+-h | --help) usage && exit ;;
+--preset) preset=${2-} ;;
+'') preset=windows ;;
+*) die "unknown argument: $1 (see --help)" ;;
+esac
+case $preset in
+windows) kind=win64 target=x86_64-w64-mingw32 flavour=-posix runtime='msvcrt\.dll' ;;
+windows-ucrt) kind=win64-ucrt target=x86_64-w64-mingw32ucrt flavour='' runtime=api-ms-win-crt ;;
+*) die "no package is checked of preset \"$preset\" (see --help)" ;;
+esac
 
 work=$root/build/consumers
 prefix='' # where the package is
 programs=$root/docs/manual/programs
-gcc=x86_64-w64-mingw32-gcc-posix
-gxx=x86_64-w64-mingw32-g++-posix
+gcc=$target-gcc$flavour
+gxx=$target-g++$flavour
 
 unpack_package()
 {
     local version zip text
-    version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$root/build/windows/CMakeCache.txt")
-    zip=$root/build/windows/thr-$version-win64.zip
+    version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$root/build/$preset/CMakeCache.txt")
+    zip=$root/build/$preset/thr-$version-$kind.zip
     rm -rf "$work"
     mkdir -p "$work/the package"
     (cd "$work/the package" && cmake -E tar xf "$zip")
     prefix=$work/the\ package/$(basename "$zip" .zip)
+    $target-objdump -p "$prefix/bin/thr.dll" | grep "DLL Name: $runtime" >"$work/runtime" ||
+        die "the package $kind does not use the C runtime of its name"
     ! grep -rlF -e "$root" "$prefix" ||
         die "the files of the package above hold the path of this build"
     for text in 'GCC RUNTIME LIBRARY EXCEPTION' winpthreads 'GNU GENERAL PUBLIC LICENSE'; do
@@ -35,10 +50,10 @@ unpack_package()
 
 # --- headers ------------------------------------------------------------------------------------
 
-clang_for_mingw=(clang --target=x86_64-w64-mingw32)
+clang_for_mingw=(clang --target=$target)
 gcc_folder=$(dirname "$($gxx -print-file-name=include)")
 clangxx_for_mingw=("${clang_for_mingw[@]}" -nostdinc++ -isystem "$gcc_folder/include/c++"
-    -isystem "$gcc_folder/include/c++/x86_64-w64-mingw32"
+    -isystem "$gcc_folder/include/c++/$target"
     -isystem "$gcc_folder/include/c++/backward")
 
 # check_header COMPILER HEADER LANGUAGE STANDARD ORDER: the header alone, or before or after the
@@ -226,7 +241,9 @@ vectorcall=(-Xclang -fdefault-calling-conv=vectorcall) # -Gv of the Visual C++ f
 
 build_by_meson()
 {
-    meson setup --cross-file "$programs/mingw-w64.ini" -Dpkg_config_path="$prefix/lib/pkgconfig" \
+    sed "s/x86_64-w64-mingw32/$target/; s/-posix/$flavour/" "$programs/mingw-w64.ini" \
+        >"$work/cross.ini"
+    meson setup --cross-file "$work/cross.ini" -Dpkg_config_path="$prefix/lib/pkgconfig" \
         "$work/meson" "$programs" >"$work/meson.log" 2>&1 &&
         ninja -C "$work/meson" >>"$work/meson.log" 2>&1 ||
         { cat "$work/meson.log" && die "building the programs by Meson failed, see above"; }
@@ -305,5 +322,5 @@ check_package()
 }
 
 "$root/scripts/setup.sh"
-build_preset windows package
+build_preset "$preset" package
 with_lock consumers check_package

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Usage: scripts/test.sh [--preset NAME] [--filter PATTERN]
 #
-# Builds the library and runs every test program under Wine. Of the release build, unfiltered, it
+# Builds the library and runs every test program under Wine. Of a release build, unfiltered, it
 # also checks the package as its users get it: scripts/consumers.sh.
 #
 #   --preset NAME     build and test this preset of CMakePresets.json (default: windows)
@@ -147,8 +147,8 @@ run_programs()
 "$root/scripts/setup.sh"
 build_preset "$preset"
 package_status=0
-if [ "$preset-$filter" = 'windows-*' ]; then
-    "$root/scripts/consumers.sh" || package_status=$?
+if [ "$filter" = "*" ] && [[ $preset =~ ^windows(-ucrt)?$ ]]; then
+    "$root/scripts/consumers.sh" --preset "$preset" || package_status=$?
 fi
 with_lock "$preset-tests" run_programs
 [ $package_status -eq 0 ] || die "the package is not fit for its users: see the start of the output"
