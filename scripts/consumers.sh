@@ -40,6 +40,7 @@ unpack_package()
     prefix=$work/the\ package/$(basename "$zip" .zip)
     $target-objdump -p "$prefix/bin/thr.dll" | grep "DLL Name: $runtime" >"$work/runtime" ||
         die "the package $kind does not use the C runtime of its name"
+    [ -s "$prefix/bin/thr.pdb" ] || die "the package has no thr.pdb"
     ! grep -rlF -e "$root" "$prefix" ||
         die "the files of the package above hold the path of this build"
     for text in 'GCC RUNTIME LIBRARY EXCEPTION' winpthreads 'GNU GENERAL PUBLIC LICENSE'; do
