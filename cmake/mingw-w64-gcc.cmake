@@ -17,7 +17,6 @@ set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
-set(THR_OBJCOPY ${thr_target}-objcopy)
 set(THR_RUNTIME_DIRS /usr/${thr_target}/lib)
 set(THR_BOOST_DIR /usr/include CACHE PATH "folder that holds the boost headers")
 set(THR_GTEST_DIR /usr/src/googletest/googletest CACHE PATH "folder of GoogleTest's sources")

@@ -2,14 +2,16 @@
 # library and its hosts; its DLLs lie beside thr.dll. They come from where the compiler says, from
 # the folders that the toolchain file names, or from beside the compiler. Compilers' packages ship
 # them with debug information, ten times the size: the target thr_runtime copies them without.
-# They are GCC's: a toolchain whose own objcopy can't read them names GCC's as THR_OBJCOPY.
-if(NOT THR_OBJCOPY)
-  set(THR_OBJCOPY ${CMAKE_OBJCOPY})
+set(target)
+if(CMAKE_CXX_COMPILER_TARGET)
+  set(target --target=${CMAKE_CXX_COMPILER_TARGET})
 endif()
-set(strip ${THR_OBJCOPY} --strip-unneeded)
-execute_process(COMMAND ${THR_OBJCOPY} --version OUTPUT_VARIABLE objcopy_version)
-if(NOT objcopy_version MATCHES "llvm")
-  list(APPEND strip -p) # GNU's writes the time of day into a DLL, but for this
+# The strip of GCC's family: LLVM's does not read all of its DLLs.
+execute_process(COMMAND ${CMAKE_CXX_COMPILER} ${target} -print-prog-name=strip
+                OUTPUT_VARIABLE strip OUTPUT_STRIP_TRAILING_WHITESPACE)
+execute_process(COMMAND ${strip} --version OUTPUT_VARIABLE strip_version)
+if(strip_version MATCHES "GNU")
+  list(APPEND strip -p) # or it writes the time of day into a DLL
 endif()
 get_filename_component(thr_compiler_dir ${CMAKE_CXX_COMPILER} DIRECTORY)
 set(THR_RUNTIME_DLLS)
@@ -27,7 +29,7 @@ foreach(dll libstdc++-6.dll libgcc_s_seh-1.dll libwinpthread-1.dll)
   set(copy ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/${dll})
   add_custom_command(OUTPUT ${copy} DEPENDS ${path}
     COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}
-    COMMAND ${strip} ${path} ${copy}
+    COMMAND ${strip} --strip-unneeded -o ${copy} ${path}
     VERBATIM)
   list(APPEND THR_RUNTIME_DLLS ${copy})
 endforeach()
