@@ -9,6 +9,7 @@
 #include "support/handles.h"
 #include "support/import_patch.h"
 #include "support/scratch_dir.h"
+#include "support/watchdog.h"
 
 #include "thr/thr.h"
 
@@ -420,6 +421,7 @@ void expect_accounts(std::set<std::string> accounts)
 
 TEST(RefusalSweep, EveryRefusedCallIsSurvived)
 {
+    support::allow_seconds(900);
     Tally tally;
     std::atomic<size_t> next(0);
     auto work = [&] {

@@ -139,26 +139,23 @@ Child::~Child()
 std::optional<std::string> Child::read_line(DWORD timeout_ms)
 {
     const ULONGLONG deadline = GetTickCount64() + timeout_ms;
-    for (;;) {
-        size_t end = m_unread.find('\n');
-        if (end != std::string::npos) {
-            std::string line = m_unread.substr(0, end);
-            m_unread.erase(0, end + 1);
-            if (!line.empty() && line.back() == '\r')
-                line.pop_back();
-            return line;
-        }
+    size_t end;
+    while ((end = m_unread.find('\n')) == std::string::npos) {
         char bytes[4096];
         DWORD count = 0;
         if (!PeekNamedPipe(m_stdout, nullptr, 0, nullptr, &count, nullptr) ||
-            (count != 0 && !ReadFile(m_stdout, bytes, sizeof bytes, &count, nullptr)))
-            return std::nullopt; // the child closed its end
-        m_unread.append(bytes, count);
-        if (count == 0 && GetTickCount64() >= deadline)
-            return std::nullopt;
+            (count == 0 && GetTickCount64() >= deadline))
+            return std::nullopt; // or the child closed its end
         if (count == 0)
             Sleep(1);
+        else if (ReadFile(m_stdout, bytes, sizeof bytes, &count, nullptr))
+            m_unread.append(bytes, count);
     }
+    std::string line = m_unread.substr(0, end);
+    m_unread.erase(0, end + 1);
+    if (!line.empty() && line.back() == '\r')
+        line.pop_back();
+    return line;
 }
 
 bool Child::write_line(const std::string &line)

@@ -1,6 +1,7 @@
 // The entry of every test program: a role in a scene of several processes, or its tests.
 #include "support/child.h"
 #include "support/heap.h"
+#include "support/watchdog.h"
 
 #include <cstring>
 
@@ -15,5 +16,6 @@ int main(int argc, char **argv)
         return support::run_role(argv[2], support::RoleArgs(argv + 3, argv + argc));
     testing::InitGoogleTest(&argc, argv);
     GTEST_FLAG_SET(death_test_style, "threadsafe"); // the library's users have many threads
+    support::watch_tests();
     return RUN_ALL_TESTS();
 }

@@ -20,34 +20,21 @@ std::string narrow(const std::wstring &text)
     return bytes;
 }
 
-void remove_content(const std::wstring &folder);
-
 // `path` is in the long form, for the deep and oddly named files that tests make.
-void remove_entry(const std::wstring &path, DWORD attributes)
-{
-    if (attributes & FILE_ATTRIBUTE_READONLY)
-        SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
-    if (attributes & FILE_ATTRIBUTE_DIRECTORY) {
-        if (!(attributes & FILE_ATTRIBUTE_REPARSE_POINT))
-            remove_content(path);
-        RemoveDirectoryW(path.c_str());
-    } else {
-        DeleteFileW(path.c_str());
-    }
-}
-
-void remove_content(const std::wstring &folder)
+void remove_all(const std::wstring &path)
 {
     WIN32_FIND_DATAW entry;
-    HANDLE search = FindFirstFileW((folder + L"\\*").c_str(), &entry);
-    if (search == INVALID_HANDLE_VALUE)
-        return;
-    do {
-        std::wstring name = entry.cFileName;
+    HANDLE search = FindFirstFileW((path + L"\\*").c_str(), &entry);
+    for (BOOL is_there = search != INVALID_HANDLE_VALUE; is_there;) {
+        const std::wstring name = entry.cFileName;
         if (name != L"." && name != L"..")
-            remove_entry(folder + L"\\" + name, entry.dwFileAttributes);
-    } while (FindNextFileW(search, &entry));
+            remove_all(path + L"\\" + name);
+        is_there = FindNextFileW(search, &entry);
+    }
     FindClose(search);
+    SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
+    if (!RemoveDirectoryW(path.c_str()))
+        DeleteFileW(path.c_str());
 }
 
 } // namespace
@@ -73,10 +60,10 @@ ScratchDir::ScratchDir()
 
 ScratchDir::~ScratchDir()
 {
-    const std::wstring long_path = L"\\\\?\\" + m_wide_path;
+    const std::wstring path = L"\\\\?\\" + m_wide_path;
     for (int tries = 0; tries < 100; ++tries) {
-        remove_entry(long_path, FILE_ATTRIBUTE_DIRECTORY);
-        if (GetFileAttributesW(long_path.c_str()) == INVALID_FILE_ATTRIBUTES)
+        remove_all(path);
+        if (GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES)
             return;
         Sleep(20); // a process that was ended lets go of its files a moment later
     }
