@@ -257,28 +257,23 @@ TEST(IpRwSem, PassesOnWhatAnEndedProcessOrADestroyedRecordHeldOrAnnounced)
 
 TEST(IpRwSem, TakesAgainWhatIsRefusedForAMomentAndEndsWhenItStaysRefused)
 {
-    // What is refused, and how many are let through before; and where it is, how it ends.
-    const std::pair<std::string, std::string> cases[] = {
-        {"try_read", ".cri.mtx.flock 0 "},  {"read", ".rdr.flock 0 "},
-        {"write", ".cri.mtx.flock 0 "},     {"write", ".wtr.flock 0 "},
-        {"write", ".cri.mtx.flock 1 "},     {"write", ".wri.mtx.flock 0 "},
-        {"try_write", ".cri.mtx.flock 0 "}, {"try_write", ".wtr.flock 0 "}};
-    const std::string others_go_on = "L try_read end_read try_write end_write = 1 1 1 1;";
     Stage stage;
-    std::string who = "a";
-    for (const auto &[lock, refused] : cases) {
-        const bool is_mutex = refused.find(".mtx") != refused.npos;
-        const std::string kind = lock.substr(lock.find('_') + 1),
-                          end = is_mutex ? "mutex->m_ref_count > 0"
-                                         : "sem->m_" + kind.substr(0, 4) +
-                                               "ers_sem_fh != THR_BAD_FILE_HANDLE",
-                          refuse = who + " refuse " + refused;
-        stage.play(refuse + (is_mutex ? "100 " : "10 ") + lock + " pauses end_" + kind +
-                   (is_mutex ? " = 1 1 100 1;" : " = 1 1 10 1;") + refuse +
-                   (is_mutex ? "101 " : "11 ") + lock + " = " + end + ";" + others_go_on + who +
-                   " go on = ended -1");
-        who[0]++;
-    }
+    const std::string others_go_on = "L try_read end_read try_write end_write = 1 1 1 1;";
+    // What is refused after how many are let through, how often it is taken again; the end then.
+    auto play = [&](std::string who, std::string lock, std::string refused, int again,
+                    std::string error) {
+        const std::string refuse = who + " refuse " + refused, times = std::to_string(again);
+        stage.play(refuse + times + " " + lock + " pauses end_" + lock.substr(lock.find('_') + 1) +
+                   " = 1 1 " + times + " 1;" + refuse + std::to_string(again + 1) + " " + lock +
+                   " = " + error + ";" + others_go_on);
+    };
+    const std::string own_mutex = "mutex->m_ref_count > 0", no_file = "_fh != THR_BAD_FILE_HANDLE";
+    play("a", "read", ".rdr.flock 0 ", 10, "sem->m_readers_sem" + no_file);
+    play("b", "write", ".wtr.flock 0 ", 10, "sem->m_writers_sem" + no_file);
+    play("c", "try_write", ".wtr.flock 0 ", 10, "sem->m_writers_sem" + no_file);
+    play("d", "try_write", ".cri.mtx.flock 0 ", 100, own_mutex);
+    play("e", "write", ".cri.mtx.flock 1 ", 100, own_mutex);
+    play("f", "write", ".wri.mtx.flock 0 ", 100, own_mutex);
     stage.play("W refuse .wri.mtx.flock 0 1 try_write try_write = 1 0 1;"
                "A refuse .cri.mtx.flock 1 100 read end_read; A 30 = waits;"
                "W end_write = 1; A = 1 1 1;" +

@@ -35,13 +35,13 @@ struct Shared {
     Record *record; // the semaphore's
 
     Shared() { memcpy(&record, &semaphore, sizeof record); }
-} &shared = *new Shared; // for threads that a failure leaves behind
+} * shared; // each scene makes its own, and leaves it to threads that still wait
 
 // The counts of readers and writers, which no event may contradict: each is posted exactly while
 // its count is 0.
 std::string counts()
 {
-    Record &record = *shared.record;
+    Record &record = *shared->record;
     thr_mutex_lock(record.state_mutex);
     EXPECT_EQ(thr_event_is_posted(record.no_readers_event), record.reader_count == 0);
     EXPECT_EQ(thr_event_is_posted(record.no_writers_event), record.writer_count == 0);
@@ -68,7 +68,7 @@ DWORD WINAPI wait(HANDLE handle, DWORD limit)
 // The semaphore's state is locked for a moment only.
 void WINAPI enter(CRITICAL_SECTION *section)
 {
-    auto *state = reinterpret_cast<CRITICAL_SECTION *>(shared.record->state_mutex);
+    auto *state = reinterpret_cast<CRITICAL_SECTION *>(shared->record->state_mutex);
     if (section != state && !TryEnterCriticalSection(section))
         say_as_thread("waits");
     else if (section != state)
@@ -80,7 +80,7 @@ void WINAPI enter(CRITICAL_SECTION *section)
 bool pulse()
 {
     for (int tries = 0; tries == 0 || (waiting > 0 && tries < 5000); ++tries) {
-        shared.event.pulse();
+        shared->event.pulse();
         Sleep(1);
     }
     return true;
@@ -89,29 +89,30 @@ bool pulse()
 thread_local std::vector<std::unique_ptr<THR_SCOPED_MUTEX>> guards;
 
 const Orders ORDERS = {
-    {"wait", [](auto &) { return shared.event.wait(0); }},
-    {"wait_briefly", [](auto &) { return shared.event.wait((1ull << 32) + 5); }}, // 5 of it count
-    {"is_posted", [](auto &) { return shared.event.is_posted(); }},
-    {"post", [](auto &) { return shared.event.post(), true; }},
+    {"wait", [](auto &) { return shared->event.wait(0); }},
+    {"wait_briefly", [](auto &) { return shared->event.wait((1ull << 32) + 5); }}, // 5 of it count
+    {"is_posted", [](auto &) { return shared->event.is_posted(); }},
+    {"post", [](auto &) { return shared->event.post(), true; }},
     {"pulse", [](auto &) { return pulse(); }},
-    {"reset", [](auto &) { return shared.event.reset(), true; }},
-    {"lock", [](auto &) { return thr_mutex_lock(shared.mutex), true; }},
-    {"try_lock", [](auto &) { return thr_mutex_try_lock(shared.mutex); }},
-    {"end_lock", [](auto &) { return thr_mutex_unlock(shared.mutex), true; }},
-    {"guard", [](auto &) { return !!guards.emplace_back(new THR_SCOPED_MUTEX(shared.guarded)); }},
+    {"reset", [](auto &) { return shared->event.reset(), true; }},
+    {"lock", [](auto &) { return thr_mutex_lock(shared->mutex), true; }},
+    {"try_lock", [](auto &) { return thr_mutex_try_lock(shared->mutex); }},
+    {"end_lock", [](auto &) { return thr_mutex_unlock(shared->mutex), true; }},
+    {"guard", [](auto &) { return !!guards.emplace_back(new THR_SCOPED_MUTEX(shared->guarded)); }},
     {"end_guard", [](auto &) { return guards.pop_back(), true; }},
-    {"read", [](auto &) { return shared.semaphore.read_lock(), true; }},
-    {"try_read", [](auto &) { return shared.semaphore.try_read_lock(); }},
-    {"end_read", [](auto &) { return shared.semaphore.read_unlock(), true; }},
-    {"write", [](auto &) { return shared.semaphore.write_lock(), true; }},
-    {"try_write", [](auto &) { return shared.semaphore.try_write_lock(); }},
-    {"end_write", [](auto &) { return shared.semaphore.write_unlock(), true; }},
+    {"read", [](auto &) { return shared->semaphore.read_lock(), true; }},
+    {"try_read", [](auto &) { return shared->semaphore.try_read_lock(); }},
+    {"end_read", [](auto &) { return shared->semaphore.read_unlock(), true; }},
+    {"write", [](auto &) { return shared->semaphore.write_lock(), true; }},
+    {"try_write", [](auto &) { return shared->semaphore.try_write_lock(); }},
+    {"end_write", [](auto &) { return shared->semaphore.write_unlock(), true; }},
     {"counts", [](auto &) { return counts(); }}};
 
 // Plays steps of threads, which say "waits" where they do.
 void play(const char *steps)
 {
     ImportPatch waits("WaitForSingleObject", &wait), enters("EnterCriticalSection", &enter);
+    shared = new Shared;
     Scene([](const std::string &) { return new_thread(ORDERS); }).play(steps);
 }
 
@@ -165,14 +166,14 @@ Answer use_often(bool writes, unsigned seed)
     srand(seed);
     for (int round = 0; round < 1000; ++round) {
         if (rand() % 4 != 0)
-            (shared.semaphore.*lock)();
-        else if (!(shared.semaphore.*try_lock)())
+            (shared->semaphore.*lock)();
+        else if (!(shared->semaphore.*try_lock)())
             continue;
         const int now = inside += share;
         faults += writes ? now != share : now > 1000;
         SwitchToThread();
         inside -= share;
-        (shared.semaphore.*unlock)();
+        (shared->semaphore.*unlock)();
     }
     return faults;
 }
@@ -186,6 +187,7 @@ TEST(RwSem, KeepsItsInvariantsUnderLoad)
         {"WaitForSingleObject", &jittery<&WaitForSingleObject, HANDLE, DWORD>}};
     const unsigned seed = std::random_device()();
     SCOPED_TRACE("seed " + std::to_string(seed));
+    shared = new Shared;
     auto watch = [](auto &) {
         for (int round = 0; round < 3000; ++round)
             counts();
@@ -200,8 +202,8 @@ TEST(RwSem, KeepsItsInvariantsUnderLoad)
     scene.play("A use; B use; C use; D use; E use; F use; G use; H watch = 0; A = 0; B = 0; C = 0;"
                "D = 0; E = 0; F = 0; G = 0");
     EXPECT_EQ(counts(), "0+0");
-    EXPECT_TRUE(shared.semaphore.try_write_lock());
-    shared.semaphore.write_unlock();
+    EXPECT_TRUE(shared->semaphore.try_write_lock());
+    shared->semaphore.write_unlock();
 }
 
 // --- overloads ----------------------------------------------------------------------------------
