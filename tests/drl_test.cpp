@@ -96,24 +96,17 @@ TEST(Drl, LoadsFindsAndUnloads)
     std::string path = file.substr(0, file.size() - 4);
     std::replace(path.begin(), path.end(), '\\', '/');
     const char *name = path.c_str();
-    EXPECT_EQ(thr_drl_is_loadable(name) + thr_drl_is_loadable("version"), 2);
+    EXPECT_EQ(thr_drl_is_loadable(name) + thr_drl_is_loaded(name), 1);
     EXPECT_EQ(thr_drl_is_loadable(".dll") + thr_drl_is_loadable((path + "x").c_str()), 0);
-
-    EXPECT_EQ(thr_drl_is_loaded(name), 0);
     calls.clear();
     thr_set_load_symbols_func(load_symbols);
     void *library = thr_drl_load(name);
     thr_set_load_symbols_func(nullptr);
     EXPECT_EQ(calls, "symbols of " + file + ";");
-    ASSERT_NE(library, nullptr);
-    EXPECT_EQ(thr_drl_load(name), library);
-    EXPECT_EQ(thr_drl_find_function(library, "thr_test_answer"),
-              GetProcAddress(static_cast<HMODULE>(library), "thr_test_answer"));
+    EXPECT_EQ(thr_drl_is_loaded(name), 1);
+    thr_drl_unload(library);
+    EXPECT_EQ(thr_drl_is_loaded(name), 0);
     EXPECT_EQ(thr_drl_find_function(nullptr, "drl_test_of_program"), &drl_test_of_program);
-    for (int is_loaded : {1, 0}) {
-        thr_drl_unload(library);
-        EXPECT_EQ(thr_drl_is_loaded(name), is_loaded);
-    }
     EXPECT_EQ(thr_drl_load("no/such\\library"), nullptr);
     EXPECT_EQ(errors(),
               errors_about("Cannot load library ", "no\\such\\library.dll", ERROR_MOD_NOT_FOUND));

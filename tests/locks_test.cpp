@@ -111,8 +111,8 @@ const Orders ORDERS = {
 // Plays steps of threads, which say "waits" where they do.
 void play(const char *steps)
 {
-    ImportPatch waits("WaitForSingleObject", &wait), enters("EnterCriticalSection", &enter);
     shared = new Shared;
+    ImportPatch waits("WaitForSingleObject", &wait), enters("EnterCriticalSection", &enter);
     Scene([](const std::string &) { return new_thread(ORDERS); }).play(steps);
 }
 
