@@ -133,7 +133,8 @@ TEST(Mutex, IsRecursiveForItsOwnerAndExcludesOtherThreads)
 
 TEST(RwSem, WritersGoFirst)
 {
-    play("A read = 1; B read = 1; M try_write = 0; W write = waits; M try_read counts = 0 2+1;"
+    play("M counts = 0+0; A read = 1; B read = 1; M try_write = 0;"
+         "W write = waits; M try_read counts = 0 2+1;"
          "R read = waits; A end_read counts = 1 1+1; B end_read = 1; W = 1; M try_write = 0;"
          "V write = waits; M counts = 0+2; W end_write = 1; V = 1; V write end_write = 1 1;"
          "M counts try_read = 0+1 0; V end_write = 1; R = 1; M counts try_write = 1+0 0;"
