@@ -82,38 +82,28 @@ TEST(Library, StartsUpAndShutsDownInOrder)
     int any;
     for (void *at_process_end : {static_cast<void *>(nullptr), static_cast<void *>(&any)}) {
         ASSERT_TRUE(DllMain(OWN, DLL_PROCESS_ATTACH, nullptr));
-        EXPECT_NE(THR_THREAD_MAIN_ID, nullptr);
-        EXPECT_EQ(thr_thread_self(), THR_THREAD_MAIN_ID);
+        EXPECT_TRUE(THR_THREAD_MAIN_ID && thr_thread_self() == THR_THREAD_MAIN_ID);
         EXPECT_EQ(is_thr_loaded(), 0);
         thr_drl_init();
         EXPECT_EQ(is_thr_loaded(), 1);
         thr_drl_load("no_such_library");
         EXPECT_EQ(steps_of_detach(at_process_end), "data.words.message..mutex..variable.main id.");
         EXPECT_EQ(is_thr_loaded(), 0);
-        EXPECT_EQ(THR_THREAD_MAIN_ID, nullptr);
-        EXPECT_EQ(thr_thread_self(), nullptr);
+        EXPECT_TRUE(!THR_THREAD_MAIN_ID && !thr_thread_self());
     }
     _putenv("THR_DRL_DEBUG=");
-}
-
-TEST(Library, IsRefusedWithoutAThreadVariable)
-{
     ImportPatch patch(
         "TlsAlloc", +[] { return TLS_OUT_OF_INDEXES; }, OWN);
-    const size_t before = used_blocks();
     EXPECT_FALSE(DllMain(OWN, DLL_PROCESS_ATTACH, nullptr));
-    EXPECT_EQ(used_blocks(), before);
-    EXPECT_EQ(THR_THREAD_MAIN_ID, nullptr);
     EXPECT_EQ(steps_of_detach(nullptr), "") << "the system calls it after a refusal, too";
 }
-
-bool is_declined;
 
 // The system refuses that to a library with thread-local storage.
 TEST(Library, DeclinesThreadNotificationsWhereItHasNoThreadLocalStorage)
 {
-    auto decline = +[](HMODULE) -> BOOL { return is_declined = true; };
-    ImportPatch patch("DisableThreadLibraryCalls", decline, OWN);
+    static bool is_declined;
+    ImportPatch patch(
+        "DisableThreadLibraryCalls", +[](HMODULE) -> BOOL { return is_declined = true; }, OWN);
     struct {
         IMAGE_DOS_HEADER dos;
         IMAGE_NT_HEADERS64 nt;
@@ -158,12 +148,7 @@ TEST(Dll, AThousandLoadsLeaveNothing)
 
 // --- the DLL directory --------------------------------------------------------------------------
 
-std::string scripted_path;
-
-DWORD WINAPI scripted_module_file_name(HMODULE, LPSTR buffer, DWORD size)
-{
-    return static_cast<DWORD>(scripted_path.copy(buffer, size));
-}
+const char *program; // the path that it is told
 
 TEST(DllDirectory, IsTakenFromTheExecutablesPath)
 {
@@ -181,11 +166,14 @@ TEST(DllDirectory, IsTakenFromTheExecutablesPath)
         "THR Warning: Cannot determine Velkora directory from executable directory C:\\Velkora\\b. "
         "DLL loading may not be correct\n"
         "THR Warning: Cannot determine directory for current executable!\n";
-    DebugRecorder debug;
-    ImportPatch path("GetModuleFileNameA", &scripted_module_file_name, OWN);
-    for (auto [program, dll_directory] : cases) {
+    Recorder debug;
+    auto path = +[](HMODULE, char *buffer, DWORD size) {
+        return static_cast<DWORD>(std::string(program).copy(buffer, size));
+    };
+    ImportPatch patch("GetModuleFileNameA", path, OWN);
+    for (auto [path, dll_directory] : cases) {
         SetDllDirectoryA(nullptr);
-        scripted_path = program;
+        program = path;
         thr_drl_set_dll_directory();
         char found[MAX_PATH] = "";
         GetDllDirectoryA(MAX_PATH, found);

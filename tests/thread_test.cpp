@@ -1,11 +1,10 @@
 #include "thr/thr.h"
 
 #include "support/child.h"
-#include "support/import_patch.h"
+#include "support/gates.h"
 #include "support/recorders.h"
 
 #include <atomic>
-#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -22,23 +21,12 @@ void *as_value(intptr_t number)
     return reinterpret_cast<void *>(number);
 }
 
-template <class Condition> bool eventually(Condition condition)
+bool eventually(const std::atomic<bool> &condition)
 {
-    for (DWORD ms = 0; ms < PATIENCE_MS && !condition(); ++ms)
+    for (DWORD ms = 0; ms < PATIENCE_MS && !condition; ++ms)
         Sleep(1);
-    return condition();
+    return condition;
 }
-
-// Counts the library's blocks while it stands.
-struct Heap {
-    static inline std::atomic<int> blocks;
-    ImportPatch patches[3] = {
-        {"malloc", +[](size_t size) { return ++blocks, malloc(size); }},
-        {"calloc", +[](size_t count, size_t size) { return ++blocks, calloc(count, size); }},
-        {"free", +[](void *block) { --blocks, free(block); }}};
-
-    Heap() { blocks = 0; }
-};
 
 // --- one thread's life --------------------------------------------------------------------------
 
@@ -50,18 +38,20 @@ enum Place { RUNS, BEFORE_LOCK, AFTER_UNLOCK, ENDED, NEVER_RAN, EARLY, ENDS_BEFO
 enum Ending { WAIT, TERMINATE, DETACH, REFUSED_WAIT };
 
 struct Life {
-    const Place place;
+    const Ending ending = WAIT;
+    const Place place = RUNS;
     THR_THREAD_ID self = nullptr; // as the thread sees it
     HANDLE thread = nullptr;      // the test's own
     HANDLE created = nullptr;     // the library's
     void *value = nullptr;
+    std::thread other;
     std::atomic<DWORD> id{0};
-    std::atomic<bool> has_arrived{false}, may_go_on{false}, is_given_up{false};
+    std::atomic<bool> has_arrived{false}, may_go_on{false}, is_given_up{false}, has_moved{false};
 
     void stop()
     {
         has_arrived = true;
-        eventually([this] { return may_go_on.load(); });
+        eventually(may_go_on);
     }
     void end() // to its very end
     {
@@ -71,33 +61,33 @@ struct Life {
         EXPECT_TRUE(GetExitCodeThread(thread, &status) && status == 0);
         CloseHandle(std::exchange(thread, nullptr));
     }
-    void give_up(THR_THREAD_ID given, Ending ending)
+    void give_up(THR_THREAD_ID id)
     {
-        auto wait = ending == REFUSED_WAIT ? +[](HANDLE, DWORD) -> DWORD { return WAIT_ABANDONED; }
-                                           : &WaitForSingleObject;
-        ImportPatch patch("WaitForSingleObject", wait);
+        Gate gate(Refusal{"WaitForSingleObject", ending == REFUSED_WAIT ? EVERY : 0, WAIT_ABANDONED,
+                          ERROR_SUCCESS});
         is_given_up = true;
         if (ending == TERMINATE)
-            thr_thread_terminate_and_possibly_crash(given);
+            thr_thread_terminate_and_possibly_crash(id);
         else if (ending == DETACH)
-            thr_thread_detach(given);
+            thr_thread_detach(id);
         else
-            value = thr_thread_wait(given);
+            value = thr_thread_wait(id);
+        has_moved = true;
     }
 } * life;
 
-std::function<void()> before_handle; // what the creator does then
-std::atomic<bool> has_moved;         // the other side sleeps or is done
-
-HANDLE WINAPI create_thread(SECURITY_ATTRIBUTES *attributes, SIZE_T stack_size,
-                            LPTHREAD_START_ROUTINE start, void *argument, DWORD flags, DWORD *id)
+// Early, another thread gives the id up, or waits for the creator.
+intptr_t create_thread(const Call &call)
 {
-    EXPECT_TRUE(stack_size == 8 << 20 && flags == 0);
+    EXPECT_TRUE(call.args[1] == 8 << 20 && call.arg<DWORD>(4) == 0) << "the stack and no flags";
     if (life->place != NEVER_RAN)
-        life->created = CreateThread(attributes, stack_size, start, argument, flags, id);
-    if (life->place == EARLY)
-        before_handle();
-    return life->created;
+        life->created = reinterpret_cast<HANDLE>(call.go_on());
+    if (life->place == EARLY) {
+        EXPECT_TRUE(eventually(life->has_arrived));
+        life->other = std::thread([] { life->give_up(life->self); });
+        EXPECT_TRUE(eventually(life->has_moved));
+    }
+    return reinterpret_cast<intptr_t>(life->created);
 }
 
 // Before a lock or after an unlock, of the thread or of who gives it up.
@@ -129,48 +119,33 @@ void *live_and_exit(void *)
 
 void live_through(Ending ending, Place place, THR_THREAD_FUNC func)
 {
-    Heap heap;
-    ReportRecorder reports;
-    Life lived{place};
+    Gate allocations("malloc"), releases("free");
+    auto blocks = [&] { return allocations.calls() - releases.calls(); };
+    Recorder reports;
+    Life lived{ending, place};
     life = &lived;
-    std::thread other;
-    has_moved = false;
-    auto await_arrival = [] { EXPECT_TRUE(eventually([] { return life->has_arrived.load(); })); };
-    before_handle = [&] {
-        await_arrival();
-        other = std::thread([&] {
-            life->give_up(life->self, ending);
-            has_moved = true;
-        });
-        EXPECT_TRUE(eventually([] { return has_moved.load(); }));
-    };
     THR_THREAD_ID id = thr_thread_create(func, nullptr, 8 << 20);
     const bool has_run = place != NEVER_RAN;
-    if (has_run) {
-        await_arrival();
-        EXPECT_EQ(life->self, id);
-    }
+    EXPECT_TRUE(!has_run || (eventually(life->has_arrived) && life->self == id));
     if (place == ENDED)
         life->end();
     const bool is_finished = place == AFTER_UNLOCK || place == ENDED || !has_run;
-    if (place != EARLY) {
-        EXPECT_EQ(thr_thread_is_running(id), !is_finished);
-        EXPECT_EQ(heap.blocks, 2) << "the record and its mutex";
-    }
+    EXPECT_TRUE(place == EARLY || thr_thread_is_running(id) == !is_finished);
+    EXPECT_TRUE(place == EARLY || blocks() == 2) << "the record and its mutex";
     life->may_go_on = ending == WAIT;
     if (place == EARLY)
-        other.join();
+        life->other.join();
     else
-        life->give_up(id, ending);
+        life->give_up(id);
     const bool has_value =
         ending == WAIT || (ending == REFUSED_WAIT && (is_finished || place == ENDS_BEFORE));
     EXPECT_EQ(life->value, as_value(has_value && has_run ? 42 : 0));
     EXPECT_EQ(GetThreadId(life->created), 0u) << "closed; may be another thing's by now";
     const bool is_released = is_finished || ending == WAIT || place >= ENDS_BEFORE;
-    EXPECT_EQ(heap.blocks, is_released ? 0 : 2);
+    EXPECT_EQ(blocks(), is_released ? 0 : 2);
     if (life->thread)
         life->end();
-    EXPECT_EQ(heap.blocks, !is_released && ending == TERMINATE ? 2 : 0) << "at its end";
+    EXPECT_EQ(blocks(), !is_released && ending == TERMINATE ? 2 : 0) << "at its end";
     // whether an ended thread can be terminated is the system's choice
     const bool is_refused = ending == REFUSED_WAIT || !has_run;
     EXPECT_TRUE(reports.take().empty() != is_refused || ending == TERMINATE);
@@ -178,29 +153,29 @@ void live_through(Ending ending, Place place, THR_THREAD_FUNC func)
 
 TEST(Thread, IsReleasedExactlyOnceHoweverItEnds)
 {
-    auto enter = +[](CRITICAL_SECTION *section) {
+    auto enter = [](const Call &call) {
         at_section(BEFORE_LOCK, ENDS_BEFORE);
-        EnterCriticalSection(section);
+        return call.go_on();
     };
-    auto leave = +[](CRITICAL_SECTION *section) {
-        LeaveCriticalSection(section);
+    auto leave = [](const Call &call) {
+        call.go_on();
         at_section(AFTER_UNLOCK, ENDS_AFTER);
+        return intptr_t(0);
     };
-    auto sleep = +[](DWORD milliseconds) {
-        has_moved = true;
-        Sleep(milliseconds);
+    auto sleep = [](const Call &call) {
+        life->has_moved = true;
+        return call.go_on();
     };
-    ImportPatch patches[] = {{"CreateThread", &create_thread},
-                             {"EnterCriticalSection", enter},
-                             {"LeaveCriticalSection", leave},
-                             {"Sleep", sleep}};
+    Gate gates[] = {Gate("CreateThread", create_thread), Gate("EnterCriticalSection", enter),
+                    Gate("LeaveCriticalSection", leave), Gate("Sleep", sleep)};
     for (Ending ending : {WAIT, TERMINATE, DETACH, REFUSED_WAIT}) {
-        for (int place = RUNS; place <= ENDS_AFTER && !HasFailure(); ++place) {
-            if (place >= ENDS_BEFORE && ending <= TERMINATE)
+        for (Place place :
+             {RUNS, BEFORE_LOCK, AFTER_UNLOCK, ENDED, NEVER_RAN, EARLY, ENDS_BEFORE, ENDS_AFTER}) {
+            if (HasFailure() || (place >= ENDS_BEFORE && ending <= TERMINATE))
                 continue; // these take no lock
             SCOPED_TRACE(testing::Message() << "ending " << ending << ", place " << place);
-            live_through(ending, static_cast<Place>(place), live);
-            live_through(ending, static_cast<Place>(place), live_and_exit);
+            live_through(ending, place, live);
+            live_through(ending, place, live_and_exit);
         }
     }
 }
@@ -279,7 +254,7 @@ void report_on_a_worker_that_is_joined_at_exit()
         thr_mutex_lock(nullptr);
         return nullptr;
     };
-    (void)thr_thread_create(break_precondition, nullptr, 0);
+    thr_thread_create(break_precondition, nullptr, 0);
     Sleep(PATIENCE_MS);
     TerminateProcess(GetCurrentProcess(), 3);
 }
@@ -291,34 +266,32 @@ TEST(ThreadDeathTest, ThatEndsTheMainThreadOrWaitsForItselfEndsTheProcess)
                 "\nthread_id != thr_thread_self\\(\\)\n$");
 }
 
-// --- time, processors, names --------------------------------------------------------------------
+// --- the system, names -------------------------------------------------------------------------
 
-std::vector<DWORD> sleeps;
-
-TEST(System, TimeIsTheSystemsIn32Bits)
+TEST(System, IsAskedForTimeAndProcessors)
 {
-    ImportPatch sleep(
-        "Sleep", +[](DWORD milliseconds) { sleeps.push_back(milliseconds); });
-    ImportPatch ticks(
-        "GetTickCount", +[] { return 0xFFFFFFF7; });
+    std::vector<DWORD> asked;
+    auto note = [&](const Call &call) {
+        asked.push_back(call.arg<DWORD>(0));
+        return intptr_t(0xFFFFFFF7);
+    };
+    Gate gates[] = {Gate("Sleep", note), Gate("GetTickCount", note)};
     thr_sleep(3);
     thr_sleep(4294968);
     thr_msleep(7);
-    EXPECT_EQ(sleeps, (std::vector<DWORD>{3000, 704, 7}));
+    EXPECT_EQ(asked, (std::vector<DWORD>{3000, 704, 7}));
     EXPECT_EQ(thr_get_tick_count(), 0xFFFFFFF7);
     EXPECT_EQ(thr_getpid(), static_cast<int>(GetCurrentProcessId()));
-}
-
-TEST(Affinity, KeepsTheThreadOnTheProcessorsInside)
-{
     DWORD_PTR all = 0, system = 0;
-    ASSERT_TRUE(GetProcessAffinityMask(GetCurrentProcess(), &all, &system));
-    const DWORD_PTR lowest = all & (0 - all);
+    EXPECT_TRUE(GetProcessAffinityMask(GetCurrentProcess(), &all, &system));
     EXPECT_EQ(thr_get_cpu_affinity_mask(), all);
-    std::thread([&] {
-        thr_set_thread_affinity_mask(lowest | ~all);
-        EXPECT_EQ(SetThreadAffinityMask(GetCurrentThread(), all), lowest);
-    }).join();
+    Gate affinity("SetThreadAffinityMask", [&](const Call &call) {
+        EXPECT_EQ(call.arg<HANDLE>(0), GetCurrentThread());
+        EXPECT_EQ(call.arg<DWORD_PTR>(1), all & (0 - all));
+        return 1;
+    });
+    thr_set_thread_affinity_mask((all & (0 - all)) | ~all);
+    EXPECT_EQ(affinity.calls(), 1);
 }
 
 std::string name_seen;

@@ -1,5 +1,4 @@
-// Hooks that keep what the library reports, and the texts that are expected of it. The recorders
-// are inline, so that a program with the library's objects inside records those.
+// What the library tells, and the texts that are expected of it.
 #ifndef THR_TESTS_RECORDERS_H
 #define THR_TESTS_RECORDERS_H
 
@@ -7,8 +6,8 @@
 
 #include <cstdio>
 #include <mutex>
-#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <windows.h>
@@ -18,9 +17,6 @@ namespace support
 
 // What the system says to an error code, without its line break.
 std::string system_words(DWORD code);
-
-// The whole text of an OS failure report of a Win32 call, with the system's words for `code`.
-std::string os_failure_text(const std::string &action, const std::string &api_text, DWORD code);
 
 // The regular expression, for EXPECT_EXIT, of an internal error printed without a hook.
 // `file` is a source file of the library: "thr_mutex" for thr/thr_mutex.cpp.
@@ -34,93 +30,48 @@ std::string literal_regex(const std::string &text);
     EXPECT_EXIT(statement, ::testing::ExitedWithCode(-1),                                          \
                 ::support::internal_error_regex(message, file))
 
-// A list of `Entry` that threads add to at the same time. The hooks are plain functions, so only
-// one recorder of a kind can be installed at a time.
-template <class Self, class Entry> class Recorder
+// Keeps the reports of OS failures and the debug messages of all threads, from its construction to
+// its destruction; one at a time. It is inline, so that a program with the library's objects inside
+// records those.
+class Recorder
 {
 public:
+    Recorder()
+    {
+        thr_set_report_func([](const char *message, auto...) { add(message); });
+        thr_set_debug_func(&record_debug, 0);
+    }
+    ~Recorder()
+    {
+        thr_set_report_func(nullptr);
+        thr_set_debug_func(nullptr, 0);
+        take();
+    }
     Recorder(const Recorder &) = delete;
     Recorder &operator=(const Recorder &) = delete;
 
-    // Returns the entries and forgets them.
-    std::vector<Entry> take()
+    // Returns the texts and forgets them.
+    static std::vector<std::string> take()
     {
-        std::vector<Entry> taken;
-        std::lock_guard<std::mutex> lock(m_mutex);
-        taken.swap(m_entries);
-        return taken;
-    }
-
-protected:
-    Recorder()
-    {
-        if (s_active)
-            throw std::logic_error("a recorder of this kind is installed already");
-        s_active = this;
-    }
-    ~Recorder() { s_active = nullptr; }
-
-    void add(Entry entry)
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_entries.push_back(std::move(entry));
-    }
-    static Self &active() { return static_cast<Self &>(*s_active); }
-
-private:
-    std::mutex m_mutex;
-    std::vector<Entry> m_entries;
-    inline static Recorder *s_active = nullptr;
-};
-
-struct Report {
-    std::string message;
-    std::string sub_system;
-    std::string file;
-    int line;
-};
-
-// The report hook, from construction to destruction. After an internal error the process ends
-// whatever the hook does, so this records OS failures.
-class ReportRecorder : public Recorder<ReportRecorder, Report>
-{
-public:
-    ReportRecorder() { thr_set_report_func(&record); }
-    ~ReportRecorder() { thr_set_report_func(nullptr); }
-
-    // The texts alone, taken.
-    std::vector<std::string> take_messages()
-    {
-        std::vector<std::string> messages;
-        for (Report &report : take())
-            messages.push_back(std::move(report.message));
-        return messages;
+        std::lock_guard<std::mutex> lock(s_mutex);
+        return std::exchange(s_texts, {});
     }
 
 private:
-    static void record(const char *message, const char *sub_system, const char *file, int line)
+    static void add(std::string text)
     {
-        active().add({message, sub_system, file, line});
+        std::lock_guard<std::mutex> lock(s_mutex);
+        s_texts.push_back(std::move(text));
     }
-};
-
-// The debug hook, from construction to destruction; an entry is a formatted message.
-class DebugRecorder : public Recorder<DebugRecorder, std::string>
-{
-public:
-    DebugRecorder() { thr_set_debug_func(&record, 0); }
-    ~DebugRecorder() { thr_set_debug_func(nullptr, 0); }
-
-private:
-    static void record(const char *sub_system, const char *format, va_list args)
+    static void record_debug(const char *, const char *format, va_list args)
     {
-        std::string text(65536, '\0');
-        int length = vsnprintf(text.data(), text.size(), format, args);
-        if (length < 0 || std::string(sub_system) != "THR")
-            throw std::runtime_error("a debug message that can't be recorded");
-        text.resize(length);
-        active().add(std::move(text));
+        char text[65536];
+        vsnprintf(text, sizeof text, format, args);
+        add(text);
     }
+
+    inline static std::mutex s_mutex;
+    inline static std::vector<std::string> s_texts;
 };
 
 } // namespace support
