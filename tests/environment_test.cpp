@@ -1,7 +1,7 @@
 // Environment variables and the process-wide handlers.
 #include "thr/thr.h"
 
-#include "support/import_patch.h"
+#include "support/gates.h"
 
 #include <atomic>
 #include <exception>
@@ -61,43 +61,37 @@ TEST(Environment, IsSetAndPrependedToUpToTheSystemsLength)
     }
 }
 
-// Stands in for a function of the runtime, and sees when two threads are in one of its kind.
-template <class Result> std::atomic<int> inside;
-std::atomic<int> overlaps;
-
-template <class Result, class Argument, Result (*Function)(Argument)> Result slow(Argument argument)
-{
-    overlaps += inside<Result> ++;
-    Sleep(1);
-    Result result = Function(argument);
-    --inside<Result>;
-    return result;
-}
-
 TEST(Environment, AndHandlersChangeOneCallAtATime)
 {
-    using Handler = THR_HANDLER;
-    support::ImportPatch patches[] = {
-        {"_putenv", &slow<int, const char *, _putenv>},
-        {"_wputenv", &slow<int, const wchar_t *, _wputenv>},
-        {"_ZSt15set_new_handlerPFvvE", &slow<Handler, Handler, std::set_new_handler>},
-        {"_ZSt13set_terminatePFvvE", &slow<Handler, Handler, std::set_terminate>}};
-    const Handler one = Handler(uintptr_t(1)), two = Handler(uintptr_t(2)); // never called
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 3; ++i) {
-        threads.emplace_back([=] {
-            for (int j = 0; j < 20; ++j) {
-                thr_prepend_env("THR_ADDITIONS", "x");
-                thr_setenv("THR_OTHER", "y");
-                thr_set_new_handler(one);
-                thr_set_terminate_handler(two);
-            }
-        });
-    }
+    std::atomic<int> overlaps{0};
+    auto slow = [&](std::atomic<int> &inside) {
+        return [&](const support::Call &call) {
+            overlaps += inside++;
+            Sleep(1);
+            intptr_t result = call.go_on();
+            --inside;
+            return result;
+        };
+    };
+    std::atomic<int> setters{0}, handlers{0};
+    support::Gate gates[] = {support::Gate("_putenv", slow(setters)),
+                             support::Gate("_wputenv", slow(setters)),
+                             support::Gate("_ZSt15set_new_handlerPFvvE", slow(handlers)),
+                             support::Gate("_ZSt13set_terminatePFvvE", slow(handlers))};
+    const THR_HANDLER one = THR_HANDLER(uintptr_t(1)), two = THR_HANDLER(uintptr_t(2));
+    auto change_all = [=] {
+        for (int i = 0; i < 20; ++i) {
+            thr_prepend_env("THR_ADDITIONS", "x");
+            thr_setenv("THR_OTHER", "y");
+            thr_set_new_handler(one); // never called
+            thr_set_terminate_handler(two);
+        }
+    };
+    std::thread threads[] = {std::thread(change_all), std::thread(change_all)};
     for (std::thread &thread : threads)
         thread.join();
     EXPECT_EQ(overlaps, 0);
-    EXPECT_EQ(value_of(L"THR_ADDITIONS").size(), 3u * 20 * 2 - 1);
+    EXPECT_EQ(value_of(L"THR_ADDITIONS").size(), 2u * 20 * 2 - 1);
     EXPECT_TRUE(std::get_new_handler() == one && std::get_terminate() == two);
     EXPECT_TRUE(thr_set_new_handler(nullptr) == one && thr_set_terminate_handler(nullptr) == two);
 }
