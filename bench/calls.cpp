@@ -41,6 +41,8 @@ std::string counted_name(const support::Import &import)
     return import.function == "free" ? "free" : "";
 }
 
+extern "C" {
+
 // What the loader tells of a DLL before it runs the DLL's start.
 struct Loaded {
     ULONG flags;
@@ -49,13 +51,8 @@ struct Loaded {
     void *module;
 };
 using OnLoad = void(CALLBACK *)(ULONG reason, const Loaded *loaded, void *context);
-
-template <class Function> Function loader_function(const char *name)
-{
-    FARPROC function = GetProcAddress(GetModuleHandleA("ntdll.dll"), name);
-    if (!function)
-        throw std::runtime_error("the loader does not tell what it loads");
-    return reinterpret_cast<Function>(reinterpret_cast<void *>(function));
+LONG NTAPI LdrRegisterDllNotification(ULONG flags, OnLoad on_load, void *context, void **cookie);
+LONG NTAPI LdrUnregisterDllNotification(void *cookie);
 }
 
 // Counts for as long as it is there.
@@ -71,14 +68,9 @@ public:
             throw std::runtime_error("no memory for code");
         watch(support::thr_module(), m_patches);
         watch(GetModuleHandleA(nullptr), m_patches);
-        using Register = LONG(NTAPI *)(ULONG, OnLoad, void *, void **);
-        loader_function<Register>("LdrRegisterDllNotification")(0, on_load, this, &m_cookie);
+        LdrRegisterDllNotification(0, on_load, this, &m_cookie);
     }
-    ~Counter()
-    {
-        using Unregister = LONG(NTAPI *)(void *);
-        loader_function<Unregister>("LdrUnregisterDllNotification")(m_cookie);
-    }
+    ~Counter() { LdrUnregisterDllNotification(m_cookie); }
     Counter(const Counter &) = delete;
     Counter &operator=(const Counter &) = delete;
 
@@ -127,12 +119,6 @@ private:
     void *m_cookie = nullptr;
 };
 
-int made_of(const Calls &calls, const std::string &name)
-{
-    auto found = calls.find(name);
-    return found == calls.end() ? 0 : found->second;
-}
-
 } // namespace
 
 Calls calls_of(const std::function<void()> &run)
@@ -141,16 +127,16 @@ Calls calls_of(const std::function<void()> &run)
     return Counter().count(run);
 }
 
-std::string difference(const Calls &counted, const Calls &raw)
+std::string difference(Calls counted, Calls raw)
 {
     Calls all = counted;
     all.insert(raw.begin(), raw.end());
     std::string text;
     for (const auto &entry : all) {
-        int made = made_of(counted, entry.first), prescribed = made_of(raw, entry.first);
-        if (made != prescribed)
-            text += " " + entry.first + " " + std::to_string(made) + " (raw " +
-                    std::to_string(prescribed) + ")";
+        const std::string &name = entry.first;
+        if (counted[name] != raw[name])
+            text += " " + name + " " + std::to_string(counted[name]) + " (raw " +
+                    std::to_string(raw[name]) + ")";
     }
     return text;
 }

@@ -17,7 +17,7 @@ using Calls = std::map<std::string, int>;
 Calls calls_of(const std::function<void()> &run);
 
 // The calls of which there are more or fewer than raw ones: "name counted (raw)".
-std::string difference(const Calls &counted, const Calls &raw);
+std::string difference(Calls counted, Calls raw);
 
 int total_of(const Calls &calls);
 

@@ -42,7 +42,7 @@ template <class Mutex> void hand_over(Line *line, LONG number, Mutex &mutex)
 {
     InterlockedIncrement(&line->inside);
     while (line->active != 0) {
-        (void)mutex.lock();
+        mutex.lock();
         line->last = number;
         InterlockedIncrement(&line->hand_overs);
         Sleep(1); // what the mutex is held for
@@ -51,6 +51,16 @@ template <class Mutex> void hand_over(Line *line, LONG number, Mutex &mutex)
             Sleep(1);
     }
     InterlockedDecrement(&line->inside);
+}
+
+void await(const volatile LONG &value, LONG wanted)
+{
+    for (int tries = 0; tries < 60000; ++tries) {
+        if (value == wanted)
+            return;
+        Sleep(1);
+    }
+    throw std::runtime_error("the processes in line do not come");
 }
 
 // The processes in line, started once for all rows.
@@ -62,12 +72,11 @@ public:
     Queue(const Queue &) = delete;
     Queue &operator=(const Queue &) = delete;
 
-    // How long a hand-over takes among so many processes, in seconds.
-    double measure(int waiters, bool is_raw, DWORD slice_ms);
+    // What so many hand-overs among the waiting processes take, in ticks, as far as a slice of time
+    // tells.
+    int64_t run(int waiters, bool is_raw, DWORD slice_ms, int count);
 
 private:
-    static void await(const volatile LONG &value, LONG wanted);
-
     Line *m_line;
     std::vector<void *> m_processes;
 };
@@ -76,11 +85,9 @@ Queue::Queue(const std::string &directory, int size)
 {
     const std::string name = "thr_bench_line" + std::to_string(GetCurrentProcessId());
     m_line = shared_line(name);
-    char program[MAX_PATH];
-    GetModuleFileNameA(nullptr, program, MAX_PATH);
     for (int number = 1; number <= size; ++number) {
-        std::string command = std::string("\"") + program + "\" --wait-in-line \"" + directory +
-                              "\" " + name + " " + std::to_string(number);
+        std::string command = "\"" + own_program() + "\" --wait-in-line \"" + directory + "\" " +
+                              name + " " + std::to_string(number);
         m_processes.push_back(
             thr_process_create(command.data(), nullptr, nullptr, nullptr, nullptr, nullptr));
         if (!m_processes.back())
@@ -99,17 +106,7 @@ Queue::~Queue()
     }
 }
 
-void Queue::await(const volatile LONG &value, LONG wanted)
-{
-    for (int tries = 0; tries < 60000; ++tries) {
-        if (value == wanted)
-            return;
-        Sleep(1);
-    }
-    throw std::runtime_error("the processes in line do not come");
-}
-
-double Queue::measure(int waiters, bool is_raw, DWORD slice_ms)
+int64_t Queue::run(int waiters, bool is_raw, DWORD slice_ms, int count)
 {
     m_line->is_raw = is_raw;
     m_line->last = 0;
@@ -119,38 +116,17 @@ double Queue::measure(int waiters, bool is_raw, DWORD slice_ms)
     int64_t start = now();
     Sleep(slice_ms);
     LONG hand_overs = m_line->hand_overs - before;
-    double time = seconds(now() - start);
+    int64_t ticks = now() - start;
     m_line->active = 0;
     await(m_line->inside, 0);
-    return time / std::max(hand_overs, LONG(1));
-}
-
-Measurement measure_queue(Queue &queue, int waiters, bool is_quick)
-{
-    const int rounds = is_quick ? 3 : 10;
-    const DWORD slice_ms = is_quick ? 250 : 600;
-    std::vector<double> library, raw, ratios, controls;
-    for (int round = 0; round < rounds; ++round) {
-        library.push_back(queue.measure(waiters, false, slice_ms));
-        raw.push_back(queue.measure(waiters, true, slice_ms));
-        ratios.push_back(library.back() / raw.back());
-        controls.push_back(queue.measure(waiters, true, slice_ms) / raw.back());
-    }
-    return {spread_of(library).median,
-            spread_of(raw).median,
-            spread_of(ratios),
-            spread_of(controls),
-            {},
-            rounds};
+    return ticks * count / std::max(hand_overs, LONG(1));
 }
 
 // What no chance changes of a hand-over: a try that finds the mutex held, then a lock.
-template <class Mutex> Batch meeting(Mutex &holder, Mutex &next)
+template <class Mutex> void meet(Mutex &holder, Mutex &next)
 {
-    return {{}, [&] {
-                (void)holder.lock(), (void)next.try_lock(), holder.unlock();
-                (void)next.lock(), next.unlock();
-            }};
+    holder.lock(), next.try_lock(), holder.unlock();
+    next.lock(), next.unlock();
 }
 
 } // namespace
@@ -179,13 +155,18 @@ void hand_over_rows(Report &report, const std::string &directory)
     raw::IpMutex raw_holder(directory + "/raw_line"), raw_next(directory + "/raw_line");
     std::optional<Queue> queue; // when it is measured
     for (int waiters : {2, 4, 8, MOST_WAITERS}) {
-        report.row({"ip mutex hand-over, " + std::to_string(waiters) + " processes", 0,
-                    meeting(holder, next), meeting(raw_holder, raw_next)},
-                   [&] {
-                       if (!queue)
-                           queue.emplace(directory, MOST_WAITERS);
-                       return measure_queue(*queue, waiters, report.mode() == Mode::QUICK);
-                   });
+        auto run = [&, waiters](bool is_raw, int count) {
+            if (!queue)
+                queue.emplace(directory, MOST_WAITERS);
+            return queue->run(waiters, is_raw, report.mode() == Mode::QUICK ? 100 : 300, count);
+        };
+        report.row(
+            {"ip mutex hand-over, " + std::to_string(waiters) + " processes",
+             0,
+             {[=](int count) { return run(false, count); }, [&] { meet(holder, next); }},
+             {[=](int count) { return run(true, count); }, [&] { meet(raw_holder, raw_next); }},
+             {},
+             0}); // no more than one slice
     }
 }
 

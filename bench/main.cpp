@@ -2,6 +2,7 @@
 #include "rows.h"
 
 #include <cstdio>
+#include <filesystem>
 #include <stdexcept>
 
 namespace
@@ -17,70 +18,58 @@ const char USAGE[] =
     "Ends with 1 when a goal is missed or an operation makes other calls than the\n"
     "raw one, with 2 when a row could not be made.\n";
 
-struct Options {
-    bench::Mode mode = bench::Mode::FULL;
-    std::string only;
-};
-
-Options options_of(const std::vector<std::string> &args)
-{
-    Options options;
-    for (size_t index = 0; index < args.size(); ++index) {
-        if (args[index] == "--quick")
-            options.mode = bench::Mode::QUICK;
-        else if (args[index] == "--calls")
-            options.mode = bench::Mode::CALLS;
-        else if (args[index] == "--only" && index + 1 < args.size())
-            options.only = args[++index];
-        else
-            throw std::invalid_argument("unknown argument " + args[index] + "\n" + USAGE);
-    }
-    return options;
-}
-
-// A folder for the lock files, empty and short-lived.
+// A folder for the lock files, short-lived.
 class Scratch
 {
 public:
-    Scratch()
+    Scratch() { std::filesystem::create_directory(m_path); }
+    ~Scratch()
     {
-        char temp[MAX_PATH + 1];
-        DWORD length = GetTempPathA(sizeof temp, temp);
-        m_path = std::string(temp, length) + "thr-bench-" + std::to_string(GetCurrentProcessId());
-        if (length == 0 || length > MAX_PATH || !CreateDirectoryA(m_path.c_str(), nullptr))
-            throw std::runtime_error("no folder for the lock files");
+        std::error_code code; // what is left lies among temporary files
+        std::filesystem::remove_all(m_path, code);
     }
-    ~Scratch() { RemoveDirectoryA(m_path.c_str()); }
     Scratch(const Scratch &) = delete;
     Scratch &operator=(const Scratch &) = delete;
-    const std::string &path() const { return m_path; }
+    std::string path() const { return m_path.string(); }
 
 private:
-    std::string m_path;
+    std::filesystem::path m_path = std::filesystem::temp_directory_path() /
+                                   ("thr-bench-" + std::to_string(GetCurrentProcessId()));
 };
 
-// The folder of this program.
-std::string own_folder()
-{
-    char program[MAX_PATH];
-    DWORD length = GetModuleFileNameA(nullptr, program, MAX_PATH);
-    std::string path(program, length);
-    return path.substr(0, path.rfind('\\'));
-}
-
 // False when the library is not as it should be.
-bool run(const Options &options)
+bool run(bench::Mode mode, const std::string &only)
 {
     Scratch scratch;
-    bench::Report report(options.mode, options.only);
+    bench::Report report(mode, only);
     bench::sync_rows(report);
     bench::thread_rows(report);
     bench::interprocess_rows(report, scratch.path());
     bench::hand_over_rows(report, scratch.path());
-    bench::process_rows(report, scratch.path(), own_folder());
+    bench::process_rows(report, scratch.path());
     bench::wrapper_rows(report);
     bench::removal_rows(report, scratch.path());
     return report.summary();
+}
+
+// The exit status.
+int run(const std::vector<std::string> &args)
+{
+    bench::Mode mode = bench::Mode::FULL;
+    std::string only;
+    for (size_t index = 0; index < args.size(); ++index) {
+        if (args[index] == "--help")
+            return printf("%s", USAGE) < 0;
+        if (args[index] == "--quick")
+            mode = bench::Mode::QUICK;
+        else if (args[index] == "--calls")
+            mode = bench::Mode::CALLS;
+        else if (args[index] == "--only" && index + 1 < args.size())
+            only = args[++index];
+        else
+            throw std::invalid_argument("unknown argument " + args[index] + "\n" + USAGE);
+    }
+    return run(mode, only) ? 0 : 1;
 }
 
 } // namespace
@@ -92,9 +81,7 @@ int main(int argc, char **argv)
     try {
         if (!args.empty() && args[0] == "--wait-in-line")
             return bench::wait_in_line({args.begin() + 1, args.end()});
-        if (!args.empty() && args[0] == "--help")
-            return printf("%s", USAGE) < 0;
-        return run(options_of(args)) ? 0 : 1;
+        return run(args);
     } catch (const std::exception &error) {
         fflush(stdout);
         fprintf(stderr, "thr_bench: %s\n", error.what());

@@ -31,6 +31,12 @@ void wait_for(HANDLE event)
 
 } // namespace
 
+std::string own_program()
+{
+    char path[MAX_PATH];
+    return {path, GetModuleFileNameA(nullptr, path, MAX_PATH)};
+}
+
 int64_t now()
 {
     LARGE_INTEGER ticks;
@@ -113,11 +119,6 @@ Spread spread_of(std::vector<double> values)
     return {at(0.5), at(0.25), at(0.75), at(0.5 - off), at(0.5 + off)};
 }
 
-bool is_calm(const Measurement &measurement)
-{
-    return measurement.control.median >= 0.95 && measurement.control.median <= 1.05;
-}
-
 namespace
 {
 
@@ -131,13 +132,13 @@ int batch_size(const Batch &batch, double batch_seconds)
     return count;
 }
 
-// The round-by-round ratios of two of the measured times.
-std::vector<double> ratios(const std::vector<double> &times, const std::vector<double> &base)
+// Of the round-by-round ratios of two of the measured times.
+Spread ratio_of(const std::vector<double> &times, const std::vector<double> &base)
 {
-    std::vector<double> result;
+    std::vector<double> ratios;
     for (size_t round = 0; round < times.size(); ++round)
-        result.push_back(times[round] / base[round]);
-    return result;
+        ratios.push_back(times[round] / base[round]);
+    return spread_of(ratios);
 }
 
 } // namespace
@@ -157,25 +158,23 @@ Measurement measure(const Operation &operation, double budget_seconds)
     std::vector<std::vector<double>> times(runs.size());
     std::mt19937 random; // always the same turns
     int64_t start = now();
-    int rounds = 0;
-    while (rounds < FEWEST_ROUNDS ||
-           (rounds < MOST_ROUNDS && seconds(now() - start) < budget_seconds)) {
+    for (int round = 0;
+         round < FEWEST_ROUNDS || (round < MOST_ROUNDS && seconds(now() - start) < budget_seconds);
+         ++round) {
         std::shuffle(order.begin(), order.end(), random);
         for (size_t index : order)
             times[index].push_back(seconds(runs[index].run(count)) / count);
-        ++rounds;
     }
 
     Measurement result = {spread_of(times[0]).median,
                           spread_of(times[1]).median,
-                          spread_of(ratios(times[0], times[1])),
-                          spread_of(ratios(times[2], times[1])),
-                          {},
-                          rounds};
-    for (size_t other = 0; other < operation.others.size(); ++other)
-        result.others.push_back({operation.others[other].name,
-                                 spread_of(ratios(times[3 + other], times[1])).median,
-                                 spread_of(ratios(times[0], times[3 + other])).median});
+                          ratio_of(times[0], times[1]),
+                          ratio_of(times[2], times[1]),
+                          {}};
+    for (size_t other = 3; other < times.size(); ++other)
+        result.others.push_back({operation.others[other - 3].name,
+                                 ratio_of(times[other], times[1]).median,
+                                 ratio_of(times[0], times[other]).median});
     return result;
 }
 

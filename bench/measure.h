@@ -15,7 +15,8 @@
 namespace bench
 {
 
-int64_t now(); // in ticks
+std::string own_program(); // its path
+int64_t now();             // in ticks
 double seconds(int64_t ticks);
 
 // An operation, as it is measured and as it is counted.
@@ -144,11 +145,13 @@ struct Measurement {
         double library; // ratio of the library to it
     };
     std::vector<Other> others;
-    int rounds;
 };
 
 // A measurement whose control is further off is not one.
-bool is_calm(const Measurement &measurement);
+inline bool is_calm(const Measurement &measurement)
+{
+    return measurement.control.median >= 0.95 && measurement.control.median <= 1.05;
+}
 
 // Takes about that long.
 Measurement measure(const Operation &operation, double budget_seconds);

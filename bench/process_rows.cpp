@@ -146,9 +146,11 @@ void attach_row(Report &report, const std::string &directory, const std::string 
 
 } // namespace
 
-void process_rows(Report &report, const std::string &directory, const std::string &folder)
+void process_rows(Report &report, const std::string &directory)
 {
     report.part("processes, libraries, pipes");
+    const std::string program = own_program();
+    const std::string folder = program.substr(0, program.rfind('\\'));
     std::string child = "\"" + folder + "\\thr_bench_child.exe\"";
     report.row({"process start+output+wait", 1.10, repeat([=] { run_child(child); }),
                 repeat([=] { run_raw_child(child); })});

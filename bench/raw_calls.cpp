@@ -33,10 +33,10 @@ void destroy_section(CRITICAL_SECTION *section)
     free(section);
 }
 
-Event *make_event()
+Event *make_event(BOOL is_posted)
 {
     auto *event = new_zeroed<Event>();
-    event->m_handle = CreateEventA(nullptr, TRUE, FALSE, nullptr);
+    event->m_handle = CreateEventA(nullptr, TRUE, is_posted, nullptr);
     return event;
 }
 
@@ -74,12 +74,6 @@ void subtract_one(int &count, const Event *none)
 }
 
 } // namespace
-
-RwSem::RwSem()
-{
-    SetEvent(m_no_readers->m_handle);
-    SetEvent(m_no_writers->m_handle);
-}
 
 RwSem::~RwSem()
 {
@@ -139,7 +133,6 @@ struct ThreadRecord {
     void *value;
     CRITICAL_SECTION *section;
     int is_finished;
-    int is_detached;
     DWORD self_slot;
     DWORD id;
     HANDLE thread;
@@ -218,10 +211,8 @@ void remove_file(const char *path)
         return;
     for (int attempt = 0; attempt < 100000 && exists(wide.get()); ++attempt) {
         std::wstring temp = wide.get() + std::to_wstring(InterlockedIncrement64(&number));
-        if (!exists(temp.c_str()) && MoveFileW(wide.get(), temp.c_str())) {
+        if (!exists(temp.c_str()) && MoveFileW(wide.get(), temp.c_str()))
             DeleteFileW(temp.c_str());
-            return;
-        }
     }
 }
 

@@ -17,7 +17,7 @@ void destroy_section(CRITICAL_SECTION *section);
 struct Event {
     HANDLE m_handle;
 };
-Event *make_event();
+Event *make_event(BOOL is_posted = FALSE);
 void destroy_event(Event *event);
 
 // --- read-write semaphore -----------------------------------------------------------------------
@@ -25,7 +25,7 @@ void destroy_event(Event *event);
 class RwSem
 {
 public:
-    RwSem();
+    RwSem() = default;
     ~RwSem();
     RwSem(const RwSem &) = delete;
     RwSem &operator=(const RwSem &) = delete;
@@ -38,8 +38,8 @@ public:
 private:
     CRITICAL_SECTION *m_state = make_section();
     CRITICAL_SECTION *m_writer = make_section();
-    Event *m_no_readers = make_event();
-    Event *m_no_writers = make_event();
+    Event *m_no_readers = make_event(TRUE);
+    Event *m_no_writers = make_event(TRUE);
     int m_readers = 0;
     int m_writers = 0;
 };

@@ -24,9 +24,7 @@ struct NextHolder {
     int m_moves;
     decltype(&CloseHandle) m_close;
     decltype(&MoveFileW) m_move;
-};
-
-NextHolder next_holder;
+} next_holder;
 
 BOOL WINAPI close_and_be_next(HANDLE handle)
 {

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <stdexcept>
 
 namespace bench
 {
@@ -31,28 +32,20 @@ std::string result_of(const Operation &operation, const Measurement &measurement
     return is_met ? "met" : "missed";
 }
 
-std::string goal_text(double goal)
-{
-    char text[32] = "-";
-    if (goal != 0)
-        snprintf(text, sizeof text, "%.2f", goal);
-    return text;
-}
-
 } // namespace
 
 std::string time_text(double time)
 {
-    const char *unit = "s";
-    double value = time;
-    for (const char *smaller : {"ms", "us", "ns"}) {
-        if (value >= 1.0)
-            break;
-        value *= 1000.0;
-        unit = smaller;
-    }
+    const char *const units[] = {"s", "ms", "us", "ns"};
+    int unit = 0;
+    for (; unit < 3 && time < 1.0; ++unit)
+        time *= 1000.0;
     char text[32];
-    snprintf(text, sizeof text, "%.*f %s", value < 10.0 ? 2 : value < 100.0 ? 1 : 0, value, unit);
+    snprintf(text, sizeof text, "%.*f %s",
+             time < 10.0    ? 2
+             : time < 100.0 ? 1
+                            : 0,
+             time, units[unit]);
     return text;
 }
 
@@ -70,20 +63,18 @@ void Report::print_title()
     m_title.clear();
 }
 
-void Report::row(const Operation &operation)
+Measurement Report::measured(const Operation &operation) const
 {
-    row(operation, [&] {
-        Measurement measurement;
-        int attempts_left = m_mode == Mode::QUICK ? QUICK_ATTEMPTS : ATTEMPTS;
-        do {
-            measurement = measure(operation, m_mode == Mode::QUICK ? QUICK_BUDGET : BUDGET);
-        } while (--attempts_left > 0 &&
-                 (!is_calm(measurement) || result_of(operation, measurement) == "unresolved"));
-        return measurement;
-    });
+    const bool is_quick = m_mode == Mode::QUICK;
+    for (int attempts_left = is_quick ? QUICK_ATTEMPTS : ATTEMPTS;; --attempts_left) {
+        Measurement measurement = measure(operation, is_quick ? QUICK_BUDGET : BUDGET);
+        if (operation.goal == 0 || result_of(operation, measurement) != "unresolved" ||
+            attempts_left == 1)
+            return measurement;
+    }
 }
 
-void Report::row(const Operation &operation, const std::function<Measurement()> &measured)
+void Report::row(const Operation &operation)
 {
     if (!is_wanted(operation.name))
         return;
@@ -96,7 +87,7 @@ void Report::row(const Operation &operation, const std::function<Measurement()> 
         printf("%-40s %5d %5d  %s\n", operation.name.c_str(), total_of(library), total_of(raw),
                calls.c_str());
     else
-        print(operation, measured(), total_of(library));
+        print(operation, measured(operation), total_of(library));
     if (m_mode != Mode::CALLS && library != raw)
         printf("    calls %s\n", calls.c_str());
     fflush(stdout);
@@ -105,10 +96,13 @@ void Report::row(const Operation &operation, const std::function<Measurement()> 
 void Report::print(const Operation &operation, const Measurement &m, int calls)
 {
     const std::string result = result_of(operation, m);
+    char goal[32] = "-";
+    if (operation.goal != 0)
+        snprintf(goal, sizeof goal, "%.2f", operation.goal);
     printf("%-40s %8s %8s  %5.2f  %.2f..%.2f %.2f..%.2f %7.2f %5s  %-10s %5d",
            operation.name.c_str(), time_text(m.library).c_str(), time_text(m.raw).c_str(),
            m.ratio.median, m.ratio.least, m.ratio.most, m.ratio.low, m.ratio.high, m.control.median,
-           goal_text(operation.goal).c_str(), result.c_str(), calls);
+           goal, result.c_str(), calls);
     const char *before = "  ";
     for (const Measurement::Other &other : m.others) {
         printf("%s%s %.2f", before, other.name.c_str(), other.ratio);
@@ -118,8 +112,17 @@ void Report::print(const Operation &operation, const Measurement &m, int calls)
     m_results[result]++;
 }
 
+bool Report::is_wanted(const std::string &row)
+{
+    bool is_found = row.find(m_only) != row.npos;
+    m_is_any = m_is_any || is_found;
+    return is_found;
+}
+
 bool Report::summary()
 {
+    if (!m_is_any)
+        throw std::runtime_error("no row has \"" + m_only + "\" in its name");
     printf("\n");
     if (m_mode != Mode::CALLS)
         printf("%d goals met, %d missed, %d unresolved (the median's bounds or the control too far "

@@ -15,8 +15,7 @@ void thread_rows(Report &report);
 // Work in `directory`, which is empty but for what each of them makes and removes.
 void interprocess_rows(Report &report, const std::string &directory);
 void hand_over_rows(Report &report, const std::string &directory);
-// `folder` holds this program and its companions.
-void process_rows(Report &report, const std::string &directory, const std::string &folder);
+void process_rows(Report &report, const std::string &directory);
 // Registers thread wrappers, which nothing takes back: no thread is measured after it.
 void wrapper_rows(Report &report);
 // An interprocess unlock that meets the next holder's file.

@@ -21,27 +21,22 @@ const int MOST_WRAPPERS = 4;
 
 // The next slots of the wrappers in the library's chain and in the raw one.
 THR_THREAD_WRAPPER next_slots[MOST_WRAPPERS];
-raw::Wrapper raw_next_slots[MOST_WRAPPERS];
+THR_THREAD_WRAPPER raw_next_slots[MOST_WRAPPERS];
 
-template <int LINK> void *wrapper(THR_THREAD_FUNC func, void *arg)
+template <auto &slots, int link> void *wrapper(THR_THREAD_FUNC func, void *arg)
 {
-    return next_slots[LINK](func, arg);
+    return slots[link](func, arg);
 }
 
-template <int LINK> void *raw_wrapper(raw::ThreadFunc func, void *arg)
-{
-    return raw_next_slots[LINK](func, arg);
-}
-
-const THR_THREAD_WRAPPER WRAPPERS[] = {wrapper<0>, wrapper<1>, wrapper<2>, wrapper<3>};
-const raw::Wrapper RAW_WRAPPERS[] = {raw_wrapper<0>, raw_wrapper<1>, raw_wrapper<2>,
-                                     raw_wrapper<3>};
+template <auto &slots>
+const THR_THREAD_WRAPPER WRAPPERS[] = {wrapper<slots, 0>, wrapper<slots, 1>, wrapper<slots, 2>,
+                                       wrapper<slots, 3>};
 
 // Appends a wrapper to each of the two chains.
 void append_wrapper(int link)
 {
-    thr_thread_set_next_wrapper_func(WRAPPERS[link], &next_slots[link]);
-    (link == 0 ? raw::chain_head : raw_next_slots[link - 1]) = RAW_WRAPPERS[link];
+    thr_thread_set_next_wrapper_func(WRAPPERS<next_slots>[link], &next_slots[link]);
+    (link == 0 ? raw::chain_head : raw_next_slots[link - 1]) = WRAPPERS<raw_next_slots>[link];
     raw_next_slots[link] = raw::call_func;
 }
 
@@ -51,18 +46,6 @@ THR_THREAD_VAR var;
 DWORD slot;
 void *value;
 int code;
-
-void thread_var_rows(Report &report)
-{
-    report.row({"thread variable set", 1.50,
-                repeat([] { code |= thr_thread_var_set(&var, &value); }),
-                repeat([] { code |= TlsSetValue(slot, &value) ? 0 : int(GetLastError()); })});
-    report.row({"thread variable get", 1.50, repeat([] { value = thr_thread_var_get(&var); }),
-                repeat([] { value = TlsGetValue(slot); })});
-    code |= thr_thread_var_set(&var, &value);
-    if (code != 0 || thr_thread_var_get(&var) != &value)
-        throw std::runtime_error("a thread variable does not hold its value");
-}
 
 } // namespace
 
@@ -76,7 +59,14 @@ void thread_rows(Report &report)
                 repeat([] { thr_thread_wait(thr_thread_create(just_return, nullptr, 0)); }),
                 repeat([] { raw::run_thread(slot, just_return, nullptr); }),
                 {{"std::thread", repeat([] { std::thread(just_return, nullptr).join(); })}}});
-    thread_var_rows(report);
+    report.row({"thread variable set", 1.50,
+                repeat([] { code |= thr_thread_var_set(&var, &value); }),
+                repeat([] { code |= TlsSetValue(slot, &value) ? 0 : int(GetLastError()); })});
+    report.row({"thread variable get", 1.50, repeat([] { value = thr_thread_var_get(&var); }),
+                repeat([] { value = TlsGetValue(slot); })});
+    code |= thr_thread_var_set(&var, &value);
+    if (code != 0 || thr_thread_var_get(&var) != &value)
+        throw std::runtime_error("a thread variable does not hold its value");
     TlsFree(slot);
     thr_thread_var_destroy(&var);
 }
