@@ -1,6 +1,6 @@
 #include "calls.h"
 
-#include "support/import_patch.h"
+#include "support/gates.h"
 
 #include <cstdint>
 #include <list>
@@ -33,12 +33,11 @@ std::string counted_name(const support::Import &import)
     if (_stricmp(import.dll.c_str(), "KERNEL32.dll") == 0 ||
         _stricmp(import.dll.c_str(), "USER32.dll") == 0)
         return import.function;
-    // a compiler makes one calloc of a malloc and the memset behind it
-    for (const char *allocates : {"malloc", "calloc", "realloc", "_strdup", "strdup"}) {
-        if (import.function == allocates)
-            return "malloc";
+    for (const char *of_the_heap : {"malloc", "realloc", "free"}) {
+        if (support::plain_name(import.function) == of_the_heap)
+            return of_the_heap;
     }
-    return import.function == "free" ? "free" : "";
+    return "";
 }
 
 extern "C" {

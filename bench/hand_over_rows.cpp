@@ -42,7 +42,7 @@ template <class Mutex> void hand_over(Line *line, LONG number, Mutex &mutex)
 {
     InterlockedIncrement(&line->inside);
     while (line->active != 0) {
-        mutex.lock();
+        (void)mutex.lock();
         line->last = number;
         InterlockedIncrement(&line->hand_overs);
         Sleep(1); // what the mutex is held for
@@ -125,7 +125,7 @@ int64_t Queue::run(int waiters, bool is_raw, DWORD slice_ms, int count)
 // What no chance changes of a hand-over: a try that finds the mutex held, then a lock.
 template <class Mutex> void meet(Mutex &holder, Mutex &next)
 {
-    holder.lock(), next.try_lock(), holder.unlock();
+    (void)holder.lock(), (void)next.try_lock(), holder.unlock();
     next.lock(), next.unlock();
 }
 
