@@ -36,8 +36,8 @@ template <class Op> Batch repeat(Op op)
     return {run, op};
 }
 
-// Threads that are there before the clock starts; the first start makes them, so that a count before
-// it meets none.
+// Threads that are there before the clock starts. The first start makes them, so that a count
+// before it meets none.
 class Crew
 {
 public:
@@ -78,8 +78,8 @@ template <class Op> int64_t run_crew(Crew &crew, Op op, int each)
     return now() - start;
 }
 
-// The members share the operations evenly, each of which has so many parts: a part is measured. Once
-// is one after another, so that none meets another.
+// The members share the operations evenly, each of which has so many parts: a part is measured.
+// Once is one after another, so that none meets another.
 template <class Op> Batch together(Crew &crew, Op op, int parts = 1)
 {
     auto run = [&crew, op, parts](int count) {
