@@ -126,7 +126,7 @@ int64_t Queue::run(int waiters, bool is_raw, DWORD slice_ms, int count)
 template <class Mutex> void meet(Mutex &holder, Mutex &next)
 {
     (void)holder.lock(), (void)next.try_lock(), holder.unlock();
-    next.lock(), next.unlock();
+    (void)next.lock(), next.unlock();
 }
 
 } // namespace
