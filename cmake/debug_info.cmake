@@ -23,6 +23,7 @@ function(thr_separate_debug_information dll objects)
       set_target_properties(${dll} PROPERTIES CXX_LINKER_LAUNCHER "${launcher}")
     endif()
   endif()
+  set_target_properties(${dll} PROPERTIES THR_DEBUG_FILES "${outputs}") # for the packaging
   # -p keeps the linker's time stamp.
   add_custom_command(TARGET ${dll} POST_BUILD
     COMMAND ${CMAKE_OBJCOPY} -p --only-keep-debug ${file} ${file}.debug
