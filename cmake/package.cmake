@@ -161,7 +161,7 @@ if(thr_is_for_ucrt)
   string(APPEND package_name -ucrt)
 endif()
 
-# A build folder that once had CPack's target of this name has it no more.
+# What CPack left in an older build folder would reserve the name of the target.
 file(REMOVE ${PROJECT_BINARY_DIR}/CPackConfig.cmake ${PROJECT_BINARY_DIR}/CPackSourceConfig.cmake)
 
 # add_package(TARGET NAME COMPONENT target...): TARGET builds these and what is installed of them
