@@ -51,15 +51,13 @@ TEST(Drl, NamesAreMadeIntoFileNames)
     // of a code page in which a character may have two bytes
     ImportPatch patch(
         "IsDBCSLeadByte", +[](BYTE byte) -> BOOL { return byte == 0x83; });
-    const char *const cases[][2] = {
-        {"E:\\lib.dll\\foo", "E:\\lib.dll\\foo.dll"},
-        {"bar.DLL", "bar.DLL.dll"},
-        {"", ".dll"},
-        {"dir\\.dll", "dir\\.dll.dll"},
-        {"sub/.dll", "sub/.dll"}, // as a whole longer than the suffix
-        {"\x83\\.dll", "\x83\\.dll"},
-        {"\x83\\\\.dll", "\x83\\\\.dll.dll"},
-    };
+    const char *const cases[][2] = {{"E:\\lib.dll\\foo", "E:\\lib.dll\\foo.dll"},
+                                    {"bar.DLL", "bar.DLL.dll"},
+                                    {"", ".dll"},
+                                    {"dir\\.dll", "dir\\.dll.dll"},
+                                    {"sub/.dll", "sub/.dll"}, // as a whole longer than the suffix
+                                    {"\x83\\.dll", "\x83\\.dll"},
+                                    {"\x83\\\\.dll", "\x83\\\\.dll.dll"}};
     for (auto &[name, file_name] : cases) {
         std::string destination(strlen(file_name) + 2, '#'), untouched = destination;
         thr_drl_construct_library_name(destination.data(), strlen(file_name) - 1, name);

@@ -45,8 +45,7 @@ TEST(LongPath, TakesEveryFormOfPath)
         {"//srv/share/f", L"\\\\?\\UNC\\srv\\share\\f"},
         {"\\\\.\\pipe\\p", L"\\\\.\\pipe\\p"},
         {"\xc3\xa4\xe5\x90\x8d\xf0\x9f\x98\x80", // relative, in UTF-8
-         L"\\\\?\\" + current_path().wstring() + L"\\\u00e4\u540d\xd83d\xde00"},
-    };
+         L"\\\\?\\" + current_path().wstring() + L"\\\u00e4\u540d\xd83d\xde00"}};
     for (const auto &[path, expected] : cases)
         EXPECT_EQ(thr_osi_long_path(path).c_str(), expected) << (path ? path : "null");
 }
@@ -98,8 +97,7 @@ TEST(Open, TurnsFlagsIntoASystemCallUnderAMutexNamedByThePath)
         {_O_WRONLY | _O_CREAT | _O_APPEND, 0600, WRITE, OPEN_ALWAYS, 0x80},
         {_O_WRONLY | _O_APPEND | _O_U8TEXT, 0600, READ | WRITE, OPEN_EXISTING, 0x80},
         {DIRECTORY_FLAG | _O_RANDOM, 0600, READ, OPEN_EXISTING, 0x12000080},
-        {3 | _O_EXCL | _O_TRUNC | _O_SEQUENTIAL, 0600, 0, TRUNCATE_EXISTING, 0x08000080},
-    };
+        {3 | _O_EXCL | _O_TRUNC | _O_SEQUENTIAL, 0600, 0, TRUNCATE_EXISTING, 0x08000080}};
     testing::internal::CaptureStderr();
     for (const auto &expected : cases) {
         const int flags = std::get<0>(expected), mode = std::get<1>(expected);
@@ -161,16 +159,14 @@ TEST(Files, AreWrittenFoundAndRemovedUnderAnyName)
 
 TEST(Remove, RenamesAFileThatCantBeDeleted)
 {
-    const DWORD FILE = FILE_ATTRIBUTE_ARCHIVE;
     // attributes, refused deletes and moves; result, moves
     const std::tuple<DWORD, int, int, int, int> cases[] = {
-        {FILE, 1, 3, 0, 4},
-        {FILE, 2, 0, -1, 1},
-        {FILE, 1, 100000, -1, 100000},
-        {FILE | FILE_ATTRIBUTE_READONLY, 1, 0, -1, 0},
-        {FILE | FILE_ATTRIBUTE_SYSTEM, 1, 0, -1, 0},
-        {FILE | FILE_ATTRIBUTE_OFFLINE, 1, 0, -1, 0},
-    };
+        {FILE_ATTRIBUTE_ARCHIVE, 1, 3, 0, 4},
+        {FILE_ATTRIBUTE_ARCHIVE, 2, 0, -1, 1},
+        {FILE_ATTRIBUTE_ARCHIVE, 1, 100000, -1, 100000},
+        {FILE_ATTRIBUTE_READONLY, 1, 0, -1, 0},
+        {FILE_ATTRIBUTE_SYSTEM, 1, 0, -1, 0},
+        {FILE_ATTRIBUTE_OFFLINE, 1, 0, -1, 0}};
     for (const auto &[attributes, refused_deletes, refused_moves, result, moves] : cases) {
         std::wstring deleted, renamed = L"not at all";
         Fake remove("DeleteFileW", [&, refused = refused_deletes](const Call &call) {
@@ -202,8 +198,7 @@ TEST(CurrentDirectory, IsReadWhenItFits)
         {share, 14, 0, "srv\\share\\d"},
         {share, 13, 0, nullptr}, // the length of the whole text counts
         {longest, 1024, 0, longest.c_str()},
-        {longest + "d", 4096, 0, nullptr},
-    };
+        {longest + "d", 4096, 0, nullptr}};
     for (const auto &[directory, size, longer, read] : cases) {
         Fake current("GetCurrentDirectoryW", [&, path = directory](const Call &call) {
             const bool fits = path.size() < call.arg<DWORD>(0);
@@ -290,8 +285,8 @@ TEST(LockFilePath, IsAbsoluteAndLeavesTheCurrentDirectory)
     const std::filesystem::path before = current_path(), here = scratch.file("y");
     current_path(here);
     const std::string longest(70000, 'l');
-    // "" for none
     const std::pair<std::string, std::string> cases[] = {
+        // the second "" for none
         {"db", "y/db"},
         {"../x/", "x/"},
         {"..\\x\\db", "x/db"},
@@ -301,8 +296,7 @@ TEST(LockFilePath, IsAbsoluteAndLeavesTheCurrentDirectory)
         {"../no such/db", ""},
         {"../x\xff/db", ""},
         {"../file/db", ""},
-        {"/db", ""}, // its directory part is empty
-    };
+        {"/db", ""}}; // its directory part is empty
     for (const auto &[file, expected] : cases) {
         EXPECT_EQ(lock_path(file), expected.empty() ? "none" : scratch.file(expected)) << file;
         EXPECT_EQ(current_path(), here) << file;
