@@ -171,6 +171,7 @@ TEST(Remove, RenamesAFileThatCantBeDeleted)
         std::wstring deleted, renamed = L"not at all";
         Fake remove("DeleteFileW", [&, refused = refused_deletes](const Call &call) {
             deleted = call.arg<LPCWSTR>(0);
+            EXPECT_NE(deleted.back(), L'\\');
             return call.nth > refused;
         });
         Fake move("MoveFileW", [&, refused = refused_moves](const Call &call) {
@@ -180,7 +181,7 @@ TEST(Remove, RenamesAFileThatCantBeDeleted)
         Fake only_f("GetFileAttributesW", [&, f = attributes](const Call &call) {
             return wcsstr(call.arg<LPCWSTR>(0), L".velkora.") ? INVALID_FILE_ATTRIBUTES : f;
         });
-        EXPECT_EQ(thr_osi_remove("f"), result);
+        EXPECT_EQ(thr_osi_remove("f/"), result);
         EXPECT_EQ(move.calls(), moves);
         EXPECT_EQ(deleted == renamed, moves > refused_moves);
     }
