@@ -43,7 +43,7 @@ check_same()
     cd "$first/build/$preset"
     for file in "${files[@]}" *.zip; do
         cmp "$file" "$second/build/$preset/$file" || die "two builds of $file differ"
-        ! grep -qF "$root" "$file" || die "$file holds the path of this folder"
+        ! grep -qF "$work" "$file" || die "$file holds the path that it was built in"
     done
 }
 
