@@ -6,6 +6,7 @@
 // compiler's own library for it would make thr.dll import one DLL more.
 
 extern "C" {
+// NOLINTBEGIN(bugprone-reserved-identifier): the compiler calls them by these names
 
 // Functions with arrays keep it behind them and compare it before they return.
 extern void *__stack_chk_guard;
@@ -28,6 +29,7 @@ __attribute__((noreturn)) void __chk_fail()
     fail_fast();
 }
 
+// NOLINTEND(bugprone-reserved-identifier)
 } // extern "C"
 
 // Another value in each process. Its lowest byte is that of a text's end: a text that runs over
