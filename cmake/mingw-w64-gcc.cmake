@@ -18,6 +18,9 @@ set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE ONLY)
 
 set(THR_RUNTIME_DIRS /usr/${thr_target}/lib)
+# The terms of the runtime DLLs, as Debian's packages tell them; both refer to the third.
+set(THR_LICENSES /usr/share/doc/gcc-mingw-w64-base/copyright
+  /usr/share/doc/mingw-w64-common/copyright /usr/share/common-licenses/GPL-3)
 set(THR_BOOST_DIR /usr/include CACHE PATH "folder that holds the boost headers")
 set(THR_GTEST_DIR /usr/src/googletest/googletest CACHE PATH "folder of GoogleTest's sources")
 

@@ -62,20 +62,24 @@ endif()
 
 # --- licences -----------------------------------------------------------------------------------
 
-# The terms of the runtime DLLs, as the compiler's packages tell them on Debian and under MSYS2.
+# The terms of the runtime DLLs: files that the toolchain file names, or those that MSYS2 keeps
+# beside the compiler.
 set(THR_LICENSE_DIR "" CACHE PATH "folder of the runtime DLLs' licences, where no package has them")
-set(licenses)
+set(licenses ${THR_LICENSES})
 if(THR_LICENSE_DIR)
   file(GLOB licenses ${THR_LICENSE_DIR}/*)
-else()
-  set(msys2 ${thr_compiler_dir}/../share/licenses)
-  file(GLOB of_gcc /usr/share/doc/gcc-mingw-w64-base/copyright ${msys2}/gcc-libs/*)
-  file(GLOB of_mingw /usr/share/doc/mingw-w64-common/copyright ${msys2}/*winpthread*/*)
+elseif(NOT licenses)
+  file(GLOB of_gcc ${thr_compiler_dir}/../share/licenses/gcc-libs/*)
+  file(GLOB of_mingw ${thr_compiler_dir}/../share/licenses/*winpthread*/*)
   if(of_gcc AND of_mingw)
-    file(GLOB licenses /usr/share/common-licenses/GPL-3) # which Debian's texts refer to
-    list(APPEND licenses ${of_gcc} ${of_mingw})
+    set(licenses ${of_gcc} ${of_mingw})
   endif()
 endif()
+foreach(file ${licenses})
+  if(NOT EXISTS ${file})
+    set(licenses)
+  endif()
+endforeach()
 
 # install_licenses(DESTINATION folder [install's other options])
 function(install_licenses)
