@@ -1,18 +1,8 @@
 # The C++ runtime is shared, so that exceptions and the process-wide handlers work across the
 # library and its hosts; its DLLs lie beside thr.dll. They come from where the compiler says, from
 # the folders that the toolchain file names, or from beside the compiler. Compilers' packages ship
-# them with debug information, ten times the size: the target thr_runtime copies them without.
-set(target)
-if(CMAKE_CXX_COMPILER_TARGET)
-  set(target --target=${CMAKE_CXX_COMPILER_TARGET})
-endif()
-# The strip of GCC's family: LLVM's does not read all of its DLLs.
-execute_process(COMMAND ${CMAKE_CXX_COMPILER} ${target} -print-prog-name=strip
-                OUTPUT_VARIABLE strip OUTPUT_STRIP_TRAILING_WHITESPACE)
-execute_process(COMMAND ${strip} --version OUTPUT_VARIABLE strip_version)
-if(strip_version MATCHES "GNU")
-  list(APPEND strip -p) # or it writes the time of day into a DLL
-endif()
+# them with debug information, ten times the size: the target thr_runtime copies them without;
+# -p keeps their time stamps.
 get_filename_component(thr_compiler_dir ${CMAKE_CXX_COMPILER} DIRECTORY)
 set(THR_RUNTIME_DLLS)
 foreach(dll libstdc++-6.dll libgcc_s_seh-1.dll libwinpthread-1.dll)
@@ -29,7 +19,7 @@ foreach(dll libstdc++-6.dll libgcc_s_seh-1.dll libwinpthread-1.dll)
   set(copy ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/${dll})
   add_custom_command(OUTPUT ${copy} DEPENDS ${path}
     COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}
-    COMMAND ${strip} --strip-unneeded -o ${copy} ${path}
+    COMMAND ${CMAKE_OBJCOPY} -p --strip-unneeded ${path} ${copy}
     VERBATIM)
   list(APPEND THR_RUNTIME_DLLS ${copy})
 endforeach()

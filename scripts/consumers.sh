@@ -41,7 +41,7 @@ unpack_package()
     $target-objdump -p "$prefix/bin/thr.dll" | grep "DLL Name: $runtime" >"$work/runtime" ||
         die "the package $kind does not use the C runtime of its name"
     [ -s "$prefix/bin/thr.pdb" ] || die "the package has no thr.pdb"
-    ! grep -rlF -e "$root" "$prefix" ||
+    ! grep -rlF -e "$root/build" -e "$root/thr/" "$prefix" ||
         die "the files of the package above hold the path of this build"
     for text in 'GCC RUNTIME LIBRARY EXCEPTION' winpthreads 'GNU GENERAL PUBLIC LICENSE'; do
         grep -rq "$text" "$prefix/share/doc/thr/licenses" ||
