@@ -49,8 +49,7 @@ void load_symbols(void *library, const char *file_name)
 TEST(Drl, NamesAreMadeIntoFileNames)
 {
     // of a code page in which a character may have two bytes
-    ImportPatch patch(
-        "IsDBCSLeadByte", +[](BYTE byte) -> BOOL { return byte == 0x83; });
+    Gate lead("IsDBCSLeadByte", [](const Call &call) { return call.arg<BYTE>(0) == 0x83; });
     const char *const cases[][2] = {{"E:\\lib.dll\\foo", "E:\\lib.dll\\foo.dll"},
                                     {"bar.DLL", "bar.DLL.dll"},
                                     {"", ".dll"},
@@ -115,19 +114,18 @@ TEST(Drl, LoadsFindsAndUnloads)
 
 // --- errors -------------------------------------------------------------------------------------
 
-std::string when_locked, when_unlocked;
-
 TEST(DrlErrors, ChangeUnderOneLock)
 {
-    auto lock = [](CRITICAL_SECTION *section) {
-        EnterCriticalSection(section);
+    std::string when_locked, when_unlocked;
+    Gate lock("EnterCriticalSection", [&](const Call &call) {
+        call.go_on();
         when_locked = errors();
-    };
-    auto unlock = [](CRITICAL_SECTION *section) {
+        return 0;
+    });
+    Gate unlock("LeaveCriticalSection", [&](const Call &call) {
         when_unlocked = errors();
-        LeaveCriticalSection(section);
-    };
-    ImportPatch locking("EnterCriticalSection", +lock), unlocking("LeaveCriticalSection", +unlock);
+        return call.go_on();
+    });
     thr_drl_register_funcs( // fails with the code of the name's first letter
         [](const char *file) { return SetLastError(BYTE(*file)), static_cast<void *>(nullptr); },
         nullptr);

@@ -3,7 +3,6 @@
 
 #include "support/gates.h"
 
-#include <atomic>
 #include <cstdint>
 #include <string>
 #include <thread>
@@ -11,6 +10,9 @@
 #include <utility>
 
 #include <gtest/gtest.h>
+
+using support::Call;
+using support::Gate;
 
 namespace
 {
@@ -30,19 +32,6 @@ LRESULT CALLBACK window_proc(HWND window, UINT message, WPARAM wparam, LPARAM lp
     return DefWindowProcA(window, message, wparam, lparam);
 }
 
-// Stands in for the look at the queue. The looks have an end, and a key that was only looked at is
-// taken away, as what another thread sends may do it.
-int looks_left;
-
-BOOL WINAPI look(MSG *message, HWND window, UINT first, UINT last, UINT how)
-{
-    MSG key;
-    if (--looks_left < 0 || !PeekMessageA(message, window, first, last, how))
-        return FALSE;
-    return message->message != WM_KEYDOWN ||
-           PeekMessageA(&key, window, WM_KEYDOWN, WM_KEYDOWN, PM_REMOVE) + 1;
-}
-
 // Posts a message for each character, but 'x' is the exit event, 'q' a quit with this code, and 'A'
 // a key. Pumps. Returns the result, what is handled, and, behind a line, what is left, a quit by
 // its code, and whether the exit still waits. A pump that waits gets a message from a timer.
@@ -60,11 +49,18 @@ std::string pump(const std::string &posted, uint64_t limit)
         else
             PostMessageA(window, c == 'A' ? UINT(WM_KEYDOWN) : SIGN, c, 0);
     }
-    support::ImportPatch patch("PeekMessageA", look);
+    // The looks have an end, and a key that was only looked at is taken away, as what another
+    // thread sends may do it.
+    Gate look("PeekMessageA", [](const Call &call) -> intptr_t {
+        MSG key;
+        if (call.nth > 100 || !static_cast<BOOL>(call.go_on()))
+            return FALSE;
+        return call.arg<MSG *>(0)->message != WM_KEYDOWN ||
+               PeekMessageA(&key, nullptr, WM_KEYDOWN, WM_KEYDOWN, PM_REMOVE) + 1;
+    });
     handled.clear();
-    looks_left = 100;
     std::string result = std::to_string(thr_win32_pump_messages(limit));
-    EXPECT_GE(looks_left, 0);
+    EXPECT_LE(look.calls(), 100);
     result += " " + handled + "|";
     KillTimer(window, 1);
     for (MSG message; PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE);)
@@ -127,19 +123,15 @@ TEST(Pump, HooksPumpInItsPlaceAndOnTheMainThreadAlone)
 // Two threads come together as far as the creation, if the library lets them.
 TEST(Pump, AnEventMadeByTwoThreadsAtOnceIsOneEvent)
 {
-    static std::atomic<int> created, closed;
-    auto create = [](SECURITY_ATTRIBUTES *security, BOOL manual, BOOL posted, const char *name) {
-        ++created;
-        for (int tries = 0; created < 2 && tries < 5000; ++tries)
+    Gate close("CloseHandle"), create("CreateEventA", [&](const Call &call) {
+        for (int tries = 0; create.calls() < 2 && tries < 5000; ++tries)
             Sleep(1);
-        return CreateEventA(security, manual, posted, name);
-    };
-    auto close = [](HANDLE handle) { return ++closed, CloseHandle(handle); };
-    support::ImportPatch creating("CreateEventA", +create), closing("CloseHandle", +close);
+        return call.go_on();
+    });
     std::thread other(thr_win32_post_pump_exit_event);
     thr_win32_post_pump_exit_event();
     other.join();
-    EXPECT_EQ(created - closed, 1);
+    EXPECT_EQ(create.calls() - close.calls(), 1);
     EXPECT_EQ(thr_event_is_posted(thr_win32_pump_exit_event), 1);
     thr_event_destroy(std::exchange(thr_win32_pump_exit_event, nullptr));
 }
