@@ -249,7 +249,7 @@ TEST(IpRwSem, PassesOnWhatAnEndedProcessOrADestroyedRecordHeldOrAnnounced)
 {
     Stage().play("K read = 1; A write; A 50 = waits; R try_read = 0; A kill = ended 197;"
                  "R read read = 1 1; W write; W 50 = waits; K kill = ended 197; W 30 = waits;"
-                 "R destroy = 1; W = 1; X write write; X 500 = waits;"
+                 "R destroy = 1; W = 1; X write write; X 50 = waits;"
                  "L try_read try_write = 0 0;" // the atomic lock is free
                  "L read; L 50 = waits; W kill = ended 197; X = 1 1; L 30 = waits;"
                  "X destroy = 1; L = 1");
