@@ -187,10 +187,12 @@ TEST(IpLocks, WithoutADirectoryCantBeTaken)
 
 TEST(IpMutex, PassesFromAKilledHolderToAWaitingLock)
 {
-    Stage().play("A lock lock end_lock = 1 1 1; B lock lock; B 500 = waits;"
-                 "A kill = ended 197; B = 1 1; C try_lock = 0; B destroy = 1;"
-                 "C try_lock end_lock = 1 1; C refuse .mtx.flock 0 1 try_lock pauses = 1 0 0;"
-                 "C refuse .mtx.flock 0 1 lock pauses lock = 1 0 1 1");
+    Stage stage;
+    stage.play("A lock lock end_lock = 1 1 1; B lock lock; B 500 = waits;"
+               "A kill = ended 197; B = 1 1; C try_lock = 0; B destroy = 1;"
+               "C try_lock end_lock = 1 1; C refuse .mtx.flock 0 1 try_lock pauses = 1 0 0;"
+               "C refuse .mtx.flock 0 1 lock pauses lock = 1 0 1 1; C kill = ended 197");
+    EXPECT_EQ(GetFileAttributesW(stage.path(L"db.mtx.flock").c_str()), INVALID_FILE_ATTRIBUTES);
 }
 
 TEST(IpMutex, GuardsHandTheirLockOver)
