@@ -234,7 +234,8 @@ TEST(IpRwSem, ServesReadersTogetherAndWritersBeforeLaterReaders)
     for (const wchar_t *file : left_over)
         CloseHandle(open(file));
     HANDLE no_lock_file = open(L"b.3.WTR.FLOCK");
-    stage.play("A read = 1; other read = 1; L try_write try_read try_write end_read = 0 1 0 1;"
+    stage.play("L refuse .rdr.flock 0 1 try_write = 1 0;" // what can't be probed counts as held
+               "A read = 1; other read = 1; L try_write try_read try_write end_read = 0 1 0 1;"
                "W write; W 500 = waits; L try_write try_read = 0 0");
     for (const wchar_t *file : left_over)
         EXPECT_EQ(GetFileAttributesW(stage.path(file).c_str()), INVALID_FILE_ATTRIBUTES);
