@@ -11,7 +11,7 @@ namespace
 const char USAGE[] =
     "Usage: thr_bench [--quick | --calls] [--only TEXT]\n"
     "\n"
-    "  --quick      short measurements: the whole run takes less than a minute\n"
+    "  --quick      short measurements: the whole run takes about a minute\n"
     "  --calls      counts the platform calls and measures nothing\n"
     "  --only TEXT  takes only the rows with this text in their names\n"
     "\n"

@@ -6,7 +6,7 @@
 # standard output; docs/performance.md says how to read it. Fails when a goal is missed or an
 # operation makes other calls than the raw one.
 #
-#   --quick      short measurements: less than a minute instead of some
+#   --quick      short measurements: about a minute instead of some
 #   --calls      count the calls and measure nothing: a few seconds on any machine
 #   --only TEXT  take only the rows with this text in their names
 #   --svg FILE   also draw how costs grow, from the table
