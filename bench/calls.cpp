@@ -67,7 +67,8 @@ public:
             throw std::runtime_error("no memory for code");
         watch(support::thr_module(), m_patches);
         watch(GetModuleHandleA(nullptr), m_patches);
-        LdrRegisterDllNotification(0, on_load, this, &m_cookie);
+        if (LdrRegisterDllNotification(0, on_load, this, &m_cookie) != 0)
+            throw std::runtime_error("the loader does not tell what it loads");
     }
     ~Counter() { LdrUnregisterDllNotification(m_cookie); }
     Counter(const Counter &) = delete;
@@ -101,8 +102,10 @@ private:
     {
         for (const support::Import &import : support::imports_of(module)) {
             std::string name = counted_name(import);
-            if (name.empty() || m_names.size() == MOST_THUNKS)
+            if (name.empty())
                 continue;
+            if (m_names.size() == MOST_THUNKS)
+                throw std::runtime_error("too many imports to count");
             Thunk *thunk = new (&m_thunks[m_names.size()]) Thunk;
             thunk->m_target = *import.slot;
             m_names.push_back(name);
