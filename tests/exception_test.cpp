@@ -1,8 +1,10 @@
 // The exception, its conditions and messages, as a host of thr.dll meets them.
-#include "support/recorders.h"
+#include "support/gates.h"
 
 #include "thr/thr_classes.h"
 
+#include <cstdio>
+#include <list>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -10,6 +12,7 @@
 namespace
 {
 
+using namespace support;
 using Message = VELKORA_ERROR_MESSAGE;
 
 // Each line's level, text, second text and id.
@@ -45,6 +48,25 @@ TEST(Exception, MessagesNestInTheOrderTheyAreGiven)
     copy = Message("M1", 1, {m2, copy});
     EXPECT_EQ(lines_of(copy), "0M1||1;1M2||2;2Failed to create file lock on \"a \"b\" %s\n\"||-1;"
                               "1M3||3;");
+}
+
+TEST(Exception, MessagesReleaseTheirLines)
+{
+    std::list<Gate> releases;
+    for (const Import &import : imports_of(thr_module())) {
+        if (import.function.find("_ZdlPv") == 0)
+            releases.emplace_back(import.function);
+    }
+    Gate blocks("_Znwy");
+    {
+        const Message message("M1", 1, {Message("M2", 2, {})});
+        Message copy = message;
+        copy = message;
+    }
+    LONG released = 0;
+    for (const Gate &gate : releases)
+        released += gate.calls();
+    EXPECT_TRUE(released > 0 && released == blocks.calls());
 }
 
 TEST(Exception, EveryCopyOwnsItsCondition)

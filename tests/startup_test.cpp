@@ -3,16 +3,12 @@
 #include "thr/thr.h"
 #include "thr/thr_dll_directory.h"
 
-#include "support/child.h"
+#include "support/gates.h"
 #include "support/handles.h"
-#include "support/heap.h"
-#include "support/import_patch.h"
 #include "support/recorders.h"
-#include "support/scratch_dir.h"
 
 #include <array>
 #include <cstdlib>
-#include <filesystem>
 #include <map>
 #include <string>
 
@@ -22,7 +18,6 @@
 #include <windows.h>
 
 using namespace support;
-namespace fs = std::filesystem;
 
 namespace
 {
@@ -46,32 +41,28 @@ size_t used_blocks()
 
 // What the shutdown releases, and the locks that it takes: none, since at the end of a process the
 // thread that holds one may be gone.
-std::string steps;
-std::map<const void *, std::string> names_of_blocks;
-
-void watched_free(void *block)
-{
-    steps += names_of_blocks[block] + ".";
-    checked_free(block);
-}
-
 std::string steps_of_detach(void *at_process_end)
 {
-    names_of_blocks = {{thr_drl_get_error(), "message"},
-                       {thr_drl_get_error_data(), "data"},
-                       {thr_drl_get_system_error(), "words"},
-                       {THR_THREAD_MAIN_ID, "main id"}};
-    // The originals can't be called, since this program's own calls are patched too.
-    auto free_slot = +[](DWORD slot) -> BOOL {
-        steps += TlsGetValue(slot) == THR_THREAD_MAIN_ID ? "variable." : "another slot.";
-        return TRUE;
+    std::string steps;
+    std::map<void *, std::string> names = {{THR_THREAD_MAIN_ID, "main id."}};
+    for (auto [text, name] : {std::pair(thr_drl_get_error(), "message."),
+                              {thr_drl_get_error_data(), "data."},
+                              {thr_drl_get_system_error(), "words."}})
+        names[const_cast<char *>(text)] = name;
+    auto tell = [&](const char *step) {
+        return [&steps, step](const Call &call) { return steps += step, call.go_on(); };
     };
-    ImportPatch patches[] = {
-        {"free", &watched_free, OWN},
-        {"DeleteCriticalSection", +[](CRITICAL_SECTION *) { steps += "mutex."; }, OWN},
-        {"EnterCriticalSection", +[](CRITICAL_SECTION *) { steps += "lock!"; }, OWN},
-        {"TlsFree", free_slot, OWN}};
-    steps.clear();
+    auto tell_block = [&](const Call &call) {
+        auto name = names.find(call.arg<void *>(0));
+        return steps += name == names.end() ? "." : name->second, call.go_on();
+    };
+    auto tell_slot = [&](const Call &call) {
+        const bool is_ours = TlsGetValue(call.arg<DWORD>(0)) == THR_THREAD_MAIN_ID;
+        return steps += is_ours ? "variable." : "another slot.", call.go_on();
+    };
+    Gate gates[] = {Gate("free", tell_block, OWN), Gate("TlsFree", tell_slot, OWN),
+                    Gate("DeleteCriticalSection", tell("mutex."), OWN),
+                    Gate("EnterCriticalSection", tell("lock!"), OWN)};
     DllMain(OWN, DLL_PROCESS_DETACH, at_process_end);
     return steps;
 }
@@ -89,33 +80,30 @@ TEST(Library, StartsUpAndShutsDownInOrder)
         thr_drl_load("no_such_library");
         EXPECT_EQ(steps_of_detach(at_process_end), "data.words.message..mutex..variable.main id.");
         EXPECT_EQ(is_thr_loaded(), 0);
+        const DWORD slot = TlsAlloc(); // the library's, which is another's now
+        TlsSetValue(slot, &any);
         EXPECT_TRUE(!THR_THREAD_MAIN_ID && !thr_thread_self());
+        TlsFree(slot);
     }
     _putenv("THR_DRL_DEBUG=");
-    ImportPatch patch(
-        "TlsAlloc", +[] { return TLS_OUT_OF_INDEXES; }, OWN);
+    Gate gate(Refusal{"TlsAlloc", 1, intptr_t(TLS_OUT_OF_INDEXES), ERROR_NO_SYSTEM_RESOURCES}, OWN);
     EXPECT_FALSE(DllMain(OWN, DLL_PROCESS_ATTACH, nullptr));
     EXPECT_EQ(steps_of_detach(nullptr), "") << "the system calls it after a refusal, too";
 }
 
-// The system refuses that to a library with thread-local storage.
+// The system refuses that to a library with thread-local storage, as this program has it.
 TEST(Library, DeclinesThreadNotificationsWhereItHasNoThreadLocalStorage)
 {
-    static bool is_declined;
-    ImportPatch patch(
-        "DisableThreadLibraryCalls", +[](HMODULE) -> BOOL { return is_declined = true; }, OWN);
     struct {
         IMAGE_DOS_HEADER dos;
         IMAGE_NT_HEADERS64 nt;
     } image = {};
     image.dos.e_lfanew = sizeof image.dos;
-    for (DWORD size : {0, 40}) {
-        image.nt.OptionalHeader.DataDirectory[IMAGE_DIRECTORY_ENTRY_TLS].Size = size;
-        is_declined = false;
-        auto instance = reinterpret_cast<HINSTANCE>(&image);
+    Gate gate(Refusal{"DisableThreadLibraryCalls", EVERY, TRUE, ERROR_SUCCESS}, OWN);
+    for (HINSTANCE instance : {OWN, reinterpret_cast<HINSTANCE>(&image)}) {
         DllMain(instance, DLL_PROCESS_ATTACH, nullptr);
-        EXPECT_EQ(is_declined, size == 0);
         DllMain(instance, DLL_PROCESS_DETACH, nullptr);
+        EXPECT_EQ(gate.calls(), instance != OWN);
     }
 }
 
@@ -148,8 +136,6 @@ TEST(Dll, AThousandLoadsLeaveNothing)
 
 // --- the DLL directory --------------------------------------------------------------------------
 
-const char *program; // the path that it is told
-
 TEST(DllDirectory, IsTakenFromTheExecutablesPath)
 {
     const std::pair<const char *, const char *> cases[] = {
@@ -167,10 +153,11 @@ TEST(DllDirectory, IsTakenFromTheExecutablesPath)
         "DLL loading may not be correct\n"
         "THR Warning: Cannot determine directory for current executable!\n";
     Recorder debug;
-    auto path = +[](HMODULE, char *buffer, DWORD size) {
-        return static_cast<DWORD>(std::string(program).copy(buffer, size));
+    const char *program;
+    auto tell_path = [&](const Call &call) -> intptr_t {
+        return std::string(program).copy(call.arg<char *>(1), call.arg<DWORD>(2));
     };
-    ImportPatch patch("GetModuleFileNameA", path, OWN);
+    Gate gate("GetModuleFileNameA", tell_path, OWN);
     for (auto [path, dll_directory] : cases) {
         SetDllDirectoryA(nullptr);
         program = path;
@@ -183,25 +170,6 @@ TEST(DllDirectory, IsTakenFromTheExecutablesPath)
     for (const std::string &message : debug.take())
         messages += message;
     EXPECT_EQ(messages.substr(messages.size() - last_messages.size()), last_messages);
-}
-
-TEST(DllDirectory, LetsAProgramLoadTheSuitesLibraries)
-{
-    ScratchDir scratch;
-    const fs::path bin = fs::path(own_program()).parent_path(), install = scratch.file("velkora");
-    for (const char *folder : {"bin64", "tools"})
-        fs::create_directories(install / folder);
-    fs::copy_file(bin / "thr.dll", install / "tools/thr.dll");
-    fs::copy_file(fixture("thr_test_host.exe"), install / "tools/tool.exe");
-    fs::copy_file(fixture("thr_test_plain.dll"), install / "bin64/only_there.dll");
-    const std::string path = getenv("PATH");
-    SetEnvironmentVariableA("PATH", (bin.string() + ";" + path).c_str()); // for the runtime's DLLs
-    Child child("host", {"only_there"}, (install / "tools/tool.exe").string());
-    SetEnvironmentVariableA("PATH", path.c_str());
-    const std::string directory = (install / "bin64").string();
-    EXPECT_EQ(child.read_line(), "[" + directory + "]");
-    EXPECT_EQ(child.read_line(), directory + "\\only_there.dll");
-    EXPECT_EQ(child.wait(), 0);
 }
 
 } // namespace

@@ -23,7 +23,8 @@ void *as_value(intptr_t number)
 
 bool eventually(const std::atomic<bool> &condition)
 {
-    for (DWORD ms = 0; ms < PATIENCE_MS && !condition; ++ms)
+    const ULONGLONG deadline = GetTickCount64() + PATIENCE_MS;
+    while (!condition && GetTickCount64() < deadline)
         Sleep(1);
     return condition;
 }
@@ -44,8 +45,8 @@ struct Life {
     HANDLE thread = nullptr;      // the test's own
     HANDLE created = nullptr;     // the library's
     void *value = nullptr;
-    std::thread other;
-    std::atomic<DWORD> id{0};
+    std::thread other{};
+    std::atomic<DWORD> os_id{0};
     std::atomic<bool> has_arrived{false}, may_go_on{false}, is_given_up{false}, has_moved{false};
 
     void stop()
@@ -61,17 +62,17 @@ struct Life {
         EXPECT_TRUE(GetExitCodeThread(thread, &status) && status == 0);
         CloseHandle(std::exchange(thread, nullptr));
     }
-    void give_up(THR_THREAD_ID id)
+    void give_up(THR_THREAD_ID given)
     {
         Gate gate(Refusal{"WaitForSingleObject", ending == REFUSED_WAIT ? EVERY : 0, WAIT_ABANDONED,
                           ERROR_SUCCESS});
         is_given_up = true;
         if (ending == TERMINATE)
-            thr_thread_terminate_and_possibly_crash(id);
+            thr_thread_terminate_and_possibly_crash(given);
         else if (ending == DETACH)
-            thr_thread_detach(id);
+            thr_thread_detach(given);
         else
-            value = thr_thread_wait(id);
+            value = thr_thread_wait(given);
         has_moved = true;
     }
 } * life;
@@ -93,7 +94,7 @@ intptr_t create_thread(const Call &call)
 // Before a lock or after an unlock, of the thread or of who gives it up.
 void at_section(Place of_thread, Place of_other)
 {
-    if (GetCurrentThreadId() != life->id) {
+    if (GetCurrentThreadId() != life->os_id) {
         if (life->place == of_other && life->is_given_up && life->thread)
             life->end();
     } else if (life->place == of_thread && !life->has_arrived) {
@@ -105,8 +106,8 @@ void at_section(Place of_thread, Place of_other)
 void *live(void *)
 {
     life->self = thr_thread_self();
-    life->id = GetCurrentThreadId();
-    life->thread = OpenThread(SYNCHRONIZE | THREAD_QUERY_INFORMATION, FALSE, life->id);
+    life->os_id = GetCurrentThreadId();
+    life->thread = OpenThread(SYNCHRONIZE | THREAD_QUERY_INFORMATION, FALSE, life->os_id);
     if (life->place != BEFORE_LOCK && life->place != AFTER_UNLOCK)
         life->stop();
     return as_value(42);
@@ -172,7 +173,7 @@ TEST(Thread, IsReleasedExactlyOnceHoweverItEnds)
         for (Place place :
              {RUNS, BEFORE_LOCK, AFTER_UNLOCK, ENDED, NEVER_RAN, EARLY, ENDS_BEFORE, ENDS_AFTER}) {
             if (HasFailure() || (place >= ENDS_BEFORE && ending <= TERMINATE))
-                continue; // these take no lock
+                continue; // the first two take no lock
             SCOPED_TRACE(testing::Message() << "ending " << ending << ", place " << place);
             live_through(ending, place, live);
             live_through(ending, place, live_and_exit);
@@ -254,7 +255,7 @@ void report_on_a_worker_that_is_joined_at_exit()
         thr_mutex_lock(nullptr);
         return nullptr;
     };
-    thr_thread_create(break_precondition, nullptr, 0);
+    (void)thr_thread_create(break_precondition, nullptr, 0);
     Sleep(PATIENCE_MS);
     TerminateProcess(GetCurrentProcess(), 3);
 }
@@ -266,7 +267,7 @@ TEST(ThreadDeathTest, ThatEndsTheMainThreadOrWaitsForItselfEndsTheProcess)
                 "\nthread_id != thr_thread_self\\(\\)\n$");
 }
 
-// --- the system, names -------------------------------------------------------------------------
+// --- the system, names --------------------------------------------------------------------------
 
 TEST(System, IsAskedForTimeAndProcessors)
 {
