@@ -3,12 +3,13 @@
 #
 # Runs COMMAND in a Debian 13 tree, in a copy of this project; without one, scripts/test.sh for both
 # C runtimes, msvcrt and UCRT. The tree is build/debian13: the first call makes it, from the package
-# mirror of this machine. Needs root. The copy, /thr in the tree, keeps its build folder between
-# calls.
+# mirror of this machine. Needs root. The copy, "/a user/thr" in the tree, keeps its build folder
+# between calls.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
 tree=$root/build/debian13
+copy="/a user/thr" # a blank, and a name that no file of the package holds by chance
 
 case ${1-} in
 -h | --help) usage && exit ;;
@@ -37,9 +38,9 @@ make_tree()
 # What is no longer in the project goes, what was built stays.
 copy_project()
 {
-    mkdir -p "$tree/thr/build"
-    find "$tree/thr" -mindepth 1 -maxdepth 1 ! -name build -exec rm -rf {} +
-    tar -C "$root" --exclude=./build --exclude=./.git -cf - . | tar -C "$tree/thr" -xf -
+    mkdir -p "$tree$copy/build"
+    find "$tree$copy" -mindepth 1 -maxdepth 1 ! -name build -exec rm -rf {} +
+    tar -C "$root" --exclude=./build --exclude=./.git -cf - . | tar -C "$tree$copy" -xf -
     cp /etc/resolv.conf "$tree/etc/resolv.conf"
 }
 
@@ -54,9 +55,9 @@ say "in Debian 13: $*"
 # Mounts and processes of its own: all are gone when it ends, however it ends.
 exec unshare --mount --pid --fork --kill-child sh -euc '
     unset thr_run
-    tree=$1
-    shift
+    tree=$1 copy=$2
+    shift 2
     mount --make-rprivate /
     mount --rbind /dev "$tree/dev"
     mount -t proc proc "$tree/proc"
-    exec chroot "$tree" sh -c "cd /thr && exec \"\$@\"" sh "$@"' sh "$tree" "$@"
+    exec chroot "$tree" sh -c "cd \"\$0\" && exec \"\$@\"" "$copy" "$@"' sh "$tree" "$copy" "$@"
