@@ -22,7 +22,7 @@ static char program[MAX_PATH];
 /* A command line that starts this program as a child. */
 static char *self(const char *arguments)
 {
-    static char command[2 * MAX_PATH];
+    static char command[4 * MAX_PATH];
     snprintf(command, sizeof command, "\"%s\" %s", program, arguments);
     return command;
 }
