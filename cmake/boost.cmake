@@ -25,3 +25,7 @@ endif()
 target_compile_definitions(thr_boost INTERFACE BOOST_ENABLE_ASSERT_HANDLER)
 # Its assertions name its files relative to its folder.
 target_compile_options(thr_boost INTERFACE -fmacro-prefix-map=${THR_BOOST_DIR}/=)
+# Newer clangs warn, by a directive, of a header of their own that Boost includes.
+if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
+  target_compile_options(thr_boost INTERFACE "-Wno-#warnings")
+endif()
