@@ -75,6 +75,15 @@ intptr_t create(const Call &call)
     return -1;
 }
 
+// A listing that breaks off.
+intptr_t next(const Call &call)
+{
+    if (gates.refused != "listing" || gates.refusals-- <= 0)
+        return call.go_on();
+    SetLastError(ERROR_ACCESS_DENIED);
+    return FALSE;
+}
+
 const std::string OWN = "." + std::to_string(GetCurrentProcessId());
 
 // Who has a lock has its file.
@@ -104,7 +113,7 @@ ROLE(obeys)
         return wcslen(call.arg<LPCWSTR>(0)) < 260 ? call.go_on() : 0;
     };
     Gate entering("SetCurrentDirectoryW", enter), creating("CreateFileW", create);
-    Gate listing("FindFirstFileW", poll), pausing("Sleep", poll);
+    Gate listing("FindFirstFileW", poll), going_on("FindNextFileW", next), pausing("Sleep", poll);
     pausing.lead_to(&pause);
     thr_set_report_func([](const char *message, const char *, const char *, int) {
         support::say(message);
@@ -234,7 +243,8 @@ TEST(IpRwSem, ServesReadersTogetherAndWritersBeforeLaterReaders)
     for (const wchar_t *file : left_over)
         CloseHandle(open(file));
     HANDLE no_lock_file = open(L"b.3.WTR.FLOCK");
-    stage.play("L refuse .rdr.flock 0 1 try_write = 1 0;" // what can't be probed counts as held
+    stage.play("L refuse listing 0 1 try_write = 1 0;" // what can't be seen counts as held
+               "L refuse .rdr.flock 0 1 try_write = 1 0;"
                "A read = 1; other read = 1; L try_write try_read try_write end_read = 0 1 0 1;"
                "W write; W 500 = waits; L try_write try_read = 0 0");
     for (const wchar_t *file : left_over)
