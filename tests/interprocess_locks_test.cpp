@@ -197,7 +197,7 @@ TEST(IpLocks, WithoutADirectoryCantBeTaken)
 TEST(IpMutex, PassesFromAKilledHolderToAWaitingLock)
 {
     Stage stage;
-    stage.play("A lock lock end_lock = 1 1 1; B lock lock; B 500 = waits;"
+    stage.play("A lock lock end_lock = 1 1 1; B lock lock; B 450 = waits;"
                "A kill = ended 197; B = 1 1; C try_lock = 0; B destroy = 1;"
                "C try_lock end_lock = 1 1; C refuse .mtx.flock 0 1 try_lock pauses = 1 0 0;"
                "C refuse .mtx.flock 0 1 lock pauses lock = 1 0 1 1; C kill = ended 197");
@@ -246,11 +246,11 @@ TEST(IpRwSem, ServesReadersTogetherAndWritersBeforeLaterReaders)
     stage.play("L refuse listing 0 1 try_write = 1 0;" // what can't be seen counts as held
                "L refuse .rdr.flock 0 1 try_write = 1 0;"
                "A read = 1; other read = 1; L try_write try_read try_write end_read = 0 1 0 1;"
-               "W write; W 500 = waits; L try_write try_read = 0 0");
+               "W write; W 450 = waits; L try_write try_read = 0 0");
     for (const wchar_t *file : left_over)
         EXPECT_EQ(GetFileAttributesW(stage.path(file).c_str()), INVALID_FILE_ATTRIBUTES);
     CloseHandle(no_lock_file);
-    stage.play("L read end_read; L 500 = waits; A end_read = 1;"
+    stage.play("L read end_read; L 50 = waits; A end_read = 1;"
                "W 30 = waits;" // whichever semaphore in the directory it is that is read
                "other end_read = 1; W = 1; other try_read = 0; L 30 = waits;"
                "W try_read end_write = 0 1; L = 1 1;"
