@@ -209,6 +209,7 @@ TEST(ProcessStreams, AreAllThatChangesInTheStartupRecord)
 
 // The first time that a hook is told of a refusal it waits for another thread, which starts a child
 // that stays.
+std::string told; // by debug messages
 std::optional<Gate> refusal;
 std::optional<Process> other;
 
@@ -225,15 +226,23 @@ void wait_for_other()
 
 TEST(ProcessStart, TellsWhatIsRefusedWithNothingHeld)
 {
-    thr_set_debug_func([](const char *, const char *, va_list) { wait_for_other(); }, 0);
+    auto hear_debug = [](const char *, const char *format, va_list args) {
+        char text[4096];
+        vsnprintf(text, sizeof text, format, args);
+        told += text;
+        wait_for_other();
+    };
+    thr_set_debug_func(hear_debug, 0);
     thr_set_report_func([](const char *, const char *, const char *, int) { wait_for_other(); });
-    const std::pair<Refusal, int> cases[] = {
-        {{"CreateProcessA", EVERY, FALSE, ERROR_ACCESS_DENIED}, 0},
-        {{"ResumeThread", 1, -1, ERROR_ACCESS_DENIED}, 0}, // nor is the child left
-        {{"SetInformationJobObject", 1, FALSE, ERROR_ACCESS_DENIED}, 3},
-        {{"AssignProcessToJobObject", 1, FALSE, ERROR_ACCESS_DENIED}, 3}};
+    const DWORD code = ERROR_BAD_EXE_FORMAT; // the system's words have a place for a name, %1
+    const std::tuple<Refusal, int, const char *> cases[] = {
+        {{"CreateProcessA", EVERY, FALSE, code}, 0, "%1"},
+        {{"ResumeThread", 1, -1, code}, 0, "%1"}, // nor is the child left
+        {{"SetInformationJobObject", 1, FALSE, code}, 3, ""},
+        {{"AssignProcessToJobObject", 1, FALSE, code}, 3, "%1"}};
     testing::internal::CaptureStderr();
-    for (auto &[refused, exit_code] : cases) {
+    for (auto &[refused, exit_code, words] : cases) {
+        told.clear();
         refusal.emplace(refused);
         other.reset();
         Process process;
@@ -244,6 +253,7 @@ TEST(ProcessStart, TellsWhatIsRefusedWithNothingHeld)
         EXPECT_EQ(ERROR_NO_DATA, thr_process_write(process.in, "", 1, nullptr));
         EXPECT_EQ(exit_code, is_started ? process.end() : 0);
         EXPECT_EQ(7, other && other->handle ? other->end() : -1);
+        EXPECT_NE(told.find(words), told.npos) << told;
     }
     EXPECT_EQ(0u, testing::internal::GetCapturedStderr().find("CreateProcess failed: "));
     thr_set_debug_func(nullptr, 0);
