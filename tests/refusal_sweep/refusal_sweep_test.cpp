@@ -1,13 +1,12 @@
 // Every call that the library makes of an import is refused once alone and, when more calls of that
-// import follow, once with all of those. Each time the library has to tell of the refusal or to
-// have a reason not to, nothing is left over, and the scenario passes again. The runs are made in
-// child processes, since a run may end its process.
-#include "gates.h"
-#include "scenarios.h"
+// import follow, once with all of those; each time the library has to tell of it or to have a
+// reason not to, nothing is left over, and the scenario passes again. And the process ends before
+// and after each call that others may see: then the next process, in the same folder, passes the
+// scenario. The runs are made in child processes, since a run may end its process.
+#include "run.h"
 
 #include "support/child.h"
 #include "support/handles.h"
-#include "support/import_patch.h"
 #include "support/scratch_dir.h"
 #include "support/watchdog.h"
 
@@ -15,8 +14,8 @@
 
 #include <atomic>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
-#include <map>
 #include <mutex>
 #include <regex>
 #include <set>
@@ -40,125 +39,153 @@ const bool IS_RELEASE = false;
 
 const size_t HANDLES = 96; // looked at; more than a run ever has
 
-// A run: which call of which gate is refused.
-struct Position {
-    size_t gate;
-    LONG nth;
-    bool onwards;
+// A child makes all runs from one on, or just that one: as the first of its process, or one that
+// ends the process.
+enum Mode { ALL = 0, FIRST = 1, DEATH = 2 };
 
-    // The next run, given whether this one met a refusal and the gate was called again after it.
-    Position next(bool is_met, bool is_called_again) const
-    {
-        if (!is_met)
-            return {gate + 1, 1, false};
-        if (is_called_again && !onwards)
-            return {gate, nth, true};
-        return {gate, nth + 1, false};
-    }
-    std::string text() const
-    {
-        return std::to_string(gate) + " " + std::to_string(nth) + (onwards ? " 1" : " 0");
-    }
+// A call at which something is to happen.
+struct Item {
+    int gate;
+    LONG nth;
+    bool is_first; // only the first run of a process makes it
 };
 
-std::istream &operator>>(std::istream &stream, Position &position)
+struct Position {
+    int item; // of the plan; -1: nothing happens
+    How how;
+};
+const Position NOWHERE = {-1, ALONE}, END = {1 << 20, ALONE};
+
+// What a parent and its children have in common.
+struct Account {
+    int items;
+    int runs;
+    Item plan[1024];
+    Run run[1024];
+};
+
+template <class T> T *shared(const std::string &name)
 {
-    return stream >> position.gate >> position.nth >> position.onwards;
+    HANDLE mapping = CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, sizeof(T),
+                                        name.c_str());
+    return static_cast<T *>(MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, 0));
 }
 
 // --- a child: it runs ---------------------------------------------------------------------------
 
+// What this process runs.
+const Scenario *scenario;
+std::string directory;
+Account *account;
+bool is_after_death;
+
 // A message's first line up to what it quotes, and of an OS failure's details the call.
-std::string in_short(const std::string &message)
+void tell(const std::string &from, const std::string &message)
 {
     const std::string call = "API: ";
     size_t details = message.find(call);
-    std::string text = message.substr(0, message.find_first_of("\r\n\""));
+    std::string text = from + ": " + message.substr(0, message.find_first_of("\r\n\""));
     if (details != message.npos) {
         details += call.size();
         text += ": " + message.substr(details, message.find('\n', details) - details);
     }
-    return text;
+    strncat(run->told, (text + "\n").c_str(), sizeof run->told - strlen(run->told) - 1);
 }
 
 void hook(const char *message, const char *sub_system, const char *file, int line)
 {
-    InterlockedIncrement(&run.reports);
-    if (!*message || strcmp(sub_system, "THR") != 0 || strncmp(file, "thr/", 4) != 0 || line <= 0)
-        support::say("fault a part of a report is missing"); // at once: the process may end here
-    support::say("report " + std::string(file) + ": " + in_short(message));
+    InterlockedIncrement(&run->reports);
+    must(*message && strcmp(sub_system, "THR") == 0 && strncmp(file, "thr/", 4) == 0 && line > 0,
+         "a part of a report is missing");
+    tell(file, message);
 }
 
 void debug_hook(const char *, const char *format, va_list args)
 {
     char message[65536];
     vsnprintf(message, sizeof message, format, args);
-    InterlockedIncrement(&run.traces);
-    support::say("report debug: " + in_short(message));
+    InterlockedIncrement(&run->traces);
+    tell("debug", message);
 }
 
-// Empties the folder of what nobody holds open, and tells what may not have been there: lock files,
-// but for those that a refused removal left or that a scenario made.
-const char *clear(const std::string &directory, const std::string &refused)
+// Empties the folder of what nobody holds open, and sees what may not have been there: lock files,
+// but for those that a refused removal left or that a scenario made. A file that was renamed to be
+// removed stays when its process dies between; nobody waits for it.
+void clear(bool keeps_files)
 {
-    WIN32_FIND_DATAA entry;
-    HANDLE search = FindFirstFileA((directory + "\\*").c_str(), &entry);
-    const char *fault = nullptr;
-    do {
-        const std::string name = entry.cFileName, path = directory + "\\" + name;
-        if (name == "." || name == "..")
-            continue;
-        bool is_made = name == "db.9.rdr.flock" || has_name("DeleteFileW MoveFileW", refused);
-        if (!DeleteFileA(path.c_str()) && !RemoveDirectoryA(path.c_str()))
-            fault = "a lock file is still held";
-        else if (!is_made && (name.find(".flock") != name.npos || name.find(".tmp") != name.npos))
-            fault = "a lock file is left";
-    } while (FindNextFileA(search, &entry));
-    FindClose(search);
-    return fault;
+    for (const auto &entry : std::filesystem::directory_iterator(directory)) {
+        const std::string name = entry.path().filename().string();
+        std::error_code error;
+        must(std::filesystem::remove(entry.path(), error), "a lock file is still held");
+        must(keeps_files || name == "db.9.rdr.flock" || name.find(".flock") == name.npos,
+             "a lock file is left");
+        must(keeps_files || is_after_death || name.find(".tmp") == name.npos, "a file is left");
+    }
 }
 
-// Runs a scenario and fills `run`.
-void act(const Scenario &scenario, const std::string &directory, Gate *gate, const Position &at)
+// Runs the scenario.
+Run &act(Position at, bool keeps_sites = false)
 {
-    char home[MAX_PATH];
-    char now[MAX_PATH];
+    char home[MAX_PATH], now[MAX_PATH];
     GetCurrentDirectoryA(sizeof home, home);
-    LONG entered = used.entered;
-    run = {};
-    refuse(gate, at.nth, at.onwards);
-    scenario.act(directory);
-    run.started = 0;
+    support::say("\f");
+    Run &next = account->run[account->runs++];
+    next = {};
+    next.item = at.item;
+    next.how = at.how;
+    const Item *item = at.item < 0 ? nullptr : &account->plan[at.item];
+    SweepGate *gate = item ? &gates[item->gate] : nullptr;
+    start_run(&next, gate, item ? item->nth : 0, keeps_sites);
+    scenario->act(directory);
+    forget_new_child();
     GetCurrentDirectoryA(sizeof now, now);
     SetCurrentDirectoryA(home);
-    std::string name = gate ? gate->name : "";
-    const char *left = clear(directory, name);
-    must(!left, left);
-    must(used.entered == entered, "a lock is still held");
-    must(name == "SetCurrentDirectoryW" || strcmp(home, now) == 0, "another current directory");
-    must(refusal.operation || !(run.reports || run.failures || run.traces),
-         "a failure without a refusal");
+    clear(gate && has_name("DeleteFileW MoveFileW", gate->name));
+    must((gate && gate->name == "SetCurrentDirectoryW") || strcmp(home, now) == 0,
+         "another current directory");
+    must(*next.operation || !is_told(next), "a failure without a refusal");
+    next.is_over = true;
+    return next;
 }
 
-// What is left, given what was in use before. A moment is given to threads that end.
+void add_items(int gate, const std::vector<uint64_t> &sites, std::set<uint64_t> &seen, bool first)
+{
+    for (size_t i = 0; i < sites.size(); ++i) {
+        if (seen.insert(sites[i]).second)
+            account->plan[account->items++] = {gate, LONG(i + 1), first};
+    }
+}
+
+// Finds the calls. The second run shows which ones only the first one makes.
+void plan()
+{
+    act(NOWHERE, true);
+    std::vector<std::vector<uint64_t>> first;
+    for (const SweepGate &gate : gates)
+        first.push_back(gate.sites);
+    act(NOWHERE, true);
+    for (size_t i = 0; i < gates.size(); ++i) {
+        std::set<uint64_t> seen;
+        if (!gates[i].rule)
+            continue;
+        add_items(i, gates[i].sites, seen, false);
+        add_items(i, first[i], seen, true);
+    }
+}
+
+// What is left, given what was in use before. Threads that end may take their time.
 const char *left_over(const Balance &before, size_t handles, int stopped_threads)
 {
-    const struct {
-        LONG Balance::*count;
-        const char *what;
-        int of_a_stopped_thread;
-    } kinds[] = {{&Balance::blocks, "heap blocks are left", 2},
-                 {&Balance::sections, "critical sections are left", 1},
-                 {&Balance::texts, "texts of the system's are left", 0},
-                 {&Balance::slots, "thread slots are left", 0},
-                 {&Balance::libraries, "libraries are left", 0},
-                 {&Balance::searches, "searches are left", 0}};
+    static const char *const WHAT[KINDS] = {
+        "heap blocks are left",  "critical sections are left", "locks are held",   "texts are left",
+        "thread slots are left", "libraries are left",         "searches are left"};
     const char *left = nullptr;
-    for (int tries = 0; tries < 20; ++tries) {
+    for (int tries = 0; tries < 500; ++tries) {
         left = support::live_handle_count(HANDLES) > handles ? "handles are left" : nullptr;
-        for (const auto &kind : kinds) {
-            if (used.*kind.count - before.*kind.count > kind.of_a_stopped_thread * stopped_threads)
-                left = kind.what;
+        for (int kind = 0; kind < KINDS; ++kind) {
+            const int of_a_stopped_thread = kind == BLOCKS ? 2 : kind == SECTIONS ? 1 : 0;
+            if (used.count[kind] - before.count[kind] > of_a_stopped_thread * stopped_threads)
+                left = WHAT[kind];
         }
         if (!left)
             break;
@@ -167,11 +194,30 @@ const char *left_over(const Balance &before, size_t handles, int stopped_threads
     return left;
 }
 
-// The arguments: scenario, its folder, mode, position. Mode "hook" makes all runs from there on,
-// with a report hook; "first" makes that one as the first of its process; "plain" and "plain first"
-// make one of these without a hook. It says "run" before a run; "report" and, at its end, "again"
-// in one; "done", "unmet" or "fault" after it; and "first" of gates that only the first run of a
-// process calls.
+// Makes a run and, to see that it left nothing, another one.
+void refuse(Position at)
+{
+    const Balance before = used;
+    const size_t handles = support::live_handle_count(HANDLES);
+    Run &refused = act(at);
+    int stopped_threads = refused.stopped_threads;
+    const Item *item = &account->plan[at.item];
+    const bool is_last = at.item + 1 == account->items || item[1].gate != item->gate;
+    if (!scenario->is_slow || is_last)
+        stopped_threads += act(NOWHERE).stopped_threads;
+    run = &refused;
+    const char *left = left_over(before, handles, stopped_threads);
+    must(!left, left);
+}
+
+Position after(Position at, bool is_called_again)
+{
+    if (at.how == ALONE && is_called_again)
+        return {at.item, ONWARDS};
+    return {at.item + 1, ALONE};
+}
+
+// The arguments: scenario, its folder, the account, mode, item, how.
 ROLE(sweep)
 {
     install_gates();
@@ -179,74 +225,28 @@ ROLE(sweep)
     support::ImportPatch patience(
         "Sleep", +[](DWORD) { SwitchToThread(); });
     _dup2(1, 2);
-    const Scenario &scenario = scenarios[std::stoi(args[0])];
-    const std::string &directory = args[1];
-    const std::string &mode = args[2];
-    Position at;
-    std::istringstream(args[3]) >> at;
-    const bool makes_all = mode == "hook";
-    const bool has_warm_up = mode.find("first") == mode.npos;
-    thr_set_report_func(mode.find("plain") == mode.npos ? hook : nullptr);
+    scenario = &scenarios[std::stoi(args[0])];
+    directory = args[1];
+    account = shared<Account>(args[2]);
+    const int mode = std::stoi(args[3]), items = account->items;
+    Position at = {std::stoi(args[4]), How(std::stoi(args[5]))};
+    is_after_death = mode & DEATH;
+    thr_set_report_func(hook);
     thr_set_debug_func(debug_hook, 0);
     atexit([] {
-        if (refusal.has_later)
-            support::say("again");
-        // A report that ends the process in the middle of a creation leaves the new child
-        // suspended.
-        if (HANDLE left =
-                run.started ? OpenProcess(PROCESS_TERMINATE, FALSE, run.started) : nullptr)
-            TerminateProcess(left, 1);
-        refuse(nullptr, 0, false); // a coverage build writes its counters after this
+        end_new_child();
+        start_run(new Run(), nullptr, 0, false); // a coverage build writes its counters after this
     });
-    std::vector<LONG> calls(gates.size(), 1);
-    const bool is_first = at.gate == 0 && at.nth == 1 && !at.onwards;
-    for (int warm_up = !has_warm_up ? 2 : is_first ? 0 : 1; warm_up < 2; ++warm_up) {
-        act(scenario, directory, nullptr, {});
-        for (size_t i = 0; i < gates.size(); ++i) {
-            if (is_first && warm_up == 1 && calls[i] > gates[i].calls)
-                support::say("first " + std::to_string(i));
-            calls[i] = gates[i].calls;
-        }
-        if (run.fault) {
-            support::say(std::string("fault ") + run.fault);
-            return 0;
-        }
+    if (items == 0)
+        plan();
+    else if (!(mode & FIRST))
+        act(NOWHERE);
+    if (mode != ALL && at.item < items)
+        act(at);
+    for (; mode == ALL && at.item < account->items; at = after(at, run->has_later)) {
+        if (!account->plan[at.item].is_first)
+            refuse(at);
     }
-    bool is_met = false;
-    bool is_called_again = false;
-    for (; at.gate < gates.size(); at = at.next(is_met, is_called_again)) {
-        is_met = false;
-        if (calls[at.gate] == 0 && makes_all)
-            continue;
-        support::say("run " + at.text() + " " + gates[at.gate].name);
-        Balance before = used;
-        size_t handles = support::live_handle_count(HANDLES);
-        act(scenario, directory, &gates[at.gate], at);
-        is_met = refusal.operation != nullptr;
-        is_called_again = refusal.has_later;
-        const Run first = run;
-        const bool is_told = run.reports || run.failures || run.traces;
-        if (is_met && !is_told)
-            support::say(std::string("quiet ") + refusal.operation);
-        if (!scenario.is_slow || at.nth >= calls[at.gate])
-            act(scenario, directory, nullptr, {});
-        const char *fault = first.fault ? first.fault : run.fault;
-        // The C runtime has its list there of what is to be done at the library's end.
-        bool is_list = scenario.name == std::string("start_up") && gates[at.gate].name == "calloc";
-        if (!fault && makes_all && !is_list)
-            fault = left_over(before, handles, first.stopped_threads + run.stopped_threads);
-        if (fault)
-            support::say(std::string("fault ") + fault);
-        else
-            support::say(!is_met          ? "unmet"
-                         : !is_told       ? "done went on"
-                         : first.failures ? "done failed"
-                         : first.reports  ? "done reported"
-                                          : "done traced");
-        if (!makes_all)
-            return 0;
-    }
-    support::say("end");
     return 0;
 }
 
@@ -256,8 +256,9 @@ ROLE(sweep)
 struct Tally {
     std::mutex mutex;             // who has it may change the rest
     std::set<std::string> called; // of the imports that can be refused
+    std::set<std::string> died_in;
     int refusals = 0;
-    std::map<std::string, int> outcomes;
+    int deaths = 0;
     std::set<std::string> accounts; // what was told of the refusal of an import
     std::vector<std::string> faults;
 };
@@ -265,144 +266,120 @@ struct Tally {
 class Sweep
 {
 public:
-    Sweep(size_t scenario, Tally &tally) : m_scenario(scenario), m_tally(tally) {}
-
-    void run_all()
+    Sweep(size_t number, Tally &tally)
+        : m_scenario(number), m_tally(tally),
+          m_name(m_directory.path().substr(m_directory.path().rfind('\\') + 1)),
+          m_account(*shared<Account>(m_name))
     {
-        Position at = {0, 1, false};
-        while (run_child("hook", at)) {
+    }
+
+    void refuse_all()
+    {
+        while (run_child(ALL, m_next)) {
         }
-        for (size_t gate : m_first) {
-            for (LONG nth = 1; nth == 1 || m_is_met; ++nth)
-                run_child("first", at = {gate, nth, false});
+        for (int i = 0; i < m_account.items; ++i) {
+            if (m_account.plan[i].is_first)
+                run_child(FIRST, {i, ALONE});
         }
-        for (auto &[report, made] : m_reports) {
-            run_child(made.first == "hook" ? "plain" : "plain first", at = made.second);
-            if (!m_is_met)
-                fault(report, made.second, "not made again without a hook");
+    }
+
+    // After each death the next child runs the scenario in the folder as it is.
+    void die_everywhere()
+    {
+        run_child(DEATH, END);
+        for (int i = 0; i < m_account.items; ++i) {
+            const Item &item = m_account.plan[i];
+            for (How how : {BEFORE, AFTER}) {
+                if (gates[item.gate].only_asks)
+                    continue;
+                run_child(DEATH | int(item.is_first), {i, how});
+                if (item.is_first)
+                    run_child(DEATH, END);
+            }
         }
+        run_child(DEATH, END);
     }
 
 private:
-    // Runs a child from `at` on. False at the end of all its runs; else `at` is the next run.
-    bool run_child(const std::string &mode, Position &at)
+    // Runs a child from `at` on. True when it has not made all runs: it goes on at `m_next`.
+    bool run_child(int mode, Position at)
     {
-        support::Child child("sweep",
-                             {std::to_string(m_scenario), m_directory.path(), mode, at.text()});
-        child.close_stdin();
-        std::string name, report, output;
-        bool is_over = false, is_running = false, is_called_again = false;
-        m_is_met = false;
-        while (auto line = is_over ? std::nullopt : child.read_line()) {
-            std::lock_guard<std::mutex> guard(m_tally.mutex);
-            std::istringstream words(*line);
-            std::string word, rest;
-            if (words >> word; word == "run") {
-                words >> at >> name;
-                report = output = "";
-                is_running = true;
-                is_called_again = false;
-                continue;
-            }
-            std::getline(words >> std::ws, rest);
-            if (word == "report")
-                m_tally.accounts.insert(name + ": " + (report = rest));
-            else if (word == "quiet")
-                m_tally.accounts.insert(name + ": nothing, in " + rest);
-            else if (word == "again")
-                is_called_again = true;
-            else if (word == "first" && mode == "hook")
-                m_first.push_back(std::stoul(rest));
-            else if (word == "done")
-                count(mode, name, rest, report, at);
-            else if (word == "fault")
-                fault(name, at, rest);
-            else
-                output += *line + "\n";
-            if (word == "done" || word == "fault" || word == "unmet") {
-                is_running = false;
-                is_over = mode != "hook" || name.empty();
-            }
-            is_over = is_over || word == "end";
-        }
-        std::optional<int> status = child.wait();
-        std::lock_guard<std::mutex> guard(m_tally.mutex);
-        // The copy of the library that is started up has no hook.
-        const bool has_hook =
-            mode.find("plain") != 0 && scenarios[m_scenario].name != std::string("start_up");
-        if (!status)
-            fault(name, at, "it hangs");
-        else if (is_over && *status == 0)
+        if (m_faults > 3) // enough: each may cost its patience
             return false;
-        else if (is_running && *status == -1 &&
-                 (has_hook ? !report.empty() && output.empty() : is_report(output)))
-            count(mode, name, "ended by a report", report, at);
-        else if (is_running && *status == 3 && !assertion_in(output).empty()) {
-            m_tally.accounts.insert(name + ": " + assertion_in(output));
-            count(mode, name, "ended by an assertion", "", at);
-        } else
-            fault(name, at, "ended with status " + std::to_string(*status) + ": " + output);
-        at = at.next(true, is_called_again);
-        return is_running && mode == "hook";
+        m_account.runs = 0;
+        support::Child process("sweep", {std::to_string(m_scenario), m_directory.path(), m_name,
+                                         std::to_string(mode), std::to_string(at.item),
+                                         std::to_string(at.how)});
+        process.close_stdin();
+        std::string output; // of the last run
+        while (auto line = process.read_line())
+            output = *line == "\f" ? "" : output + *line + "\n";
+        const int status = process.wait().value_or(STILL_ACTIVE);
+        std::lock_guard<std::mutex> guard(m_tally.mutex);
+        for (int i = 0; i < m_account.runs; ++i)
+            judge(m_account.run[i], status, output);
+        const Run &last = m_account.run[std::max(m_account.runs - 1, 0)];
+        if (m_account.runs == 0 || (last.is_over && status != 0))
+            fault(at, "ended with status " + std::to_string(status));
+        m_next = after({last.item, last.how}, last.has_later);
+        return mode == ALL && !last.is_over && last.item >= 0;
     }
 
-    // Whether a text is one report, whole, as it is made without a hook. What else the library
-    // prints comes before it.
-    static bool is_report(const std::string &text)
+    void judge(const Run &made, int status, const std::string &output)
     {
-        static const std::regex shape(
-            "(Internal Error: Sub-system: THR, File: thr/\\w+\\.(cpp|h), Line: \\d+\n[^\n]+\n"
-            "|OS Failure: Windows could not [^]*   \\* OS code: \\d+ \\([^]+\\)\n\n"
-            "Location: thr/\\w+\\.cpp:\\d+\n)\n*$");
-        static const std::regex head("Internal Error: |OS Failure: ");
-        return std::distance(std::sregex_iterator(text.begin(), text.end(), head), {}) == 1 &&
-               std::regex_search(text, shape);
+        const Position at = {made.item, made.how};
+        std::string assertion; // the runtime's words, up to the line
+        if (status == 3 && output.find("Assertion failed") != output.npos)
+            assertion = output.substr(output.find("Assertion failed"));
+        assertion.resize(std::min(assertion.size(), assertion.find(", line")));
+        std::istringstream told(made.told + (made.is_over ? "" : assertion));
+        for (std::string line; std::getline(told, line);)
+            m_tally.accounts.insert(import_at(at) + ": " + line);
+        // Without a hook, which the copy of the library that is started up does not have, a report
+        // is printed.
+        const bool has_reported =
+            made.reports ? output.empty()
+                         : std::regex_search(output, std::regex("(Internal Error|OS Failure): "));
+        const bool has_died = !made.is_over && at.how >= BEFORE && status == DIED;
+        const bool may_end = !made.is_over && at.item >= 0 && at.how < BEFORE &&
+                             ((status == -1 && has_reported) || !assertion.empty());
+        if (*made.fault || (made.is_over && at.how >= BEFORE)) {
+            fault(at, *made.fault ? made.fault : "not called again");
+        } else if (has_died) {
+            m_tally.deaths++;
+            m_tally.died_in.insert(made.operation);
+        } else if (!made.is_over && !may_end) {
+            fault(at, "ended with status " + std::to_string(status) + ": " + output);
+        } else if (*made.operation) {
+            if (made.is_over && !is_told(made))
+                m_tally.accounts.insert(import_at(at) + ": nothing, in " + made.operation);
+            m_tally.refusals++;
+            m_tally.called.insert(import_at(at));
+        }
     }
 
-    // The runtime's words, up to the line.
-    static std::string assertion_in(const std::string &text)
+    std::string import_at(Position at) const
     {
-        size_t start = text.find("Assertion failed");
-        return start == text.npos ? "" : text.substr(start, text.find(", line", start) - start);
+        return at.item < 0 || at.item >= m_account.items ? "nothing"
+                                                         : gates[m_account.plan[at.item].gate].name;
     }
 
-    void count(const std::string &mode, const std::string &name, const std::string &outcome,
-               const std::string &report, const Position &at)
+    void fault(Position at, const std::string &what)
     {
-        m_is_met = true;
-        m_tally.called.insert(name);
-        m_tally.refusals++;
-        m_tally.outcomes[outcome]++;
-        if (!report.empty() && mode.find("plain") != 0)
-            m_reports.emplace(name + ": " + report, std::make_pair(mode, at));
-    }
-
-    void fault(const std::string &name, const Position &at, const std::string &what)
-    {
-        m_tally.faults.push_back(scenarios[m_scenario].name + (": " + name) + ", call " +
-                                 std::to_string(at.nth) + (at.onwards ? " and on: " : ": ") + what);
+        ++m_faults;
+        const char *const hows[] = {" alone", " and on", ", before", ", after"};
+        m_tally.faults.push_back(scenarios[m_scenario].name + (": " + import_at(at)) + ", item " +
+                                 std::to_string(at.item) + hows[at.how] + ": " + what);
     }
 
     size_t m_scenario;
     Tally &m_tally;
     support::ScratchDir m_directory;
-    std::vector<size_t> m_first;
-    // Where an import's refusal made a report first: the mode and the run.
-    std::map<std::string, std::pair<std::string, Position>> m_reports;
-    bool m_is_met = false;
+    std::string m_name; // of the account
+    Account &m_account;
+    Position m_next = {0, ALONE};
+    int m_faults = 0;
 };
-
-void print(const Tally &tally)
-{
-    std::ostringstream text;
-    text << tally.called.size() << " imports, " << tally.refusals << " refusals";
-    for (auto &[outcome, count] : tally.outcomes)
-        text << ", " << count << " " << outcome;
-    text << ", " << tally.faults.size() << " faults\n";
-    for (const std::string &fault : tally.faults)
-        text << "    " << fault << "\n";
-    fputs(text.str().c_str(), stdout);
-}
 
 // Each line of reports.txt is an import and what is told of its refusal, or why there is none, and
 // holds unless it is behind a question mark.
@@ -416,42 +393,62 @@ void expect_accounts(std::set<std::string> accounts)
         else if (line[0] != '#' && accounts.erase(line) == 0)
             ADD_FAILURE() << "not told: " << line;
     }
-    for (const std::string &account : accounts)
-        ADD_FAILURE() << "not in reports.txt: " << account;
+    for (const std::string &line : accounts)
+        ADD_FAILURE() << "not in reports.txt: " << line;
 }
 
-TEST(RefusalSweep, EveryRefusedCallIsSurvived)
+// The operations that make or take what other processes see.
+const std::regex SHARED("^(thr_ip_|THR_IP_|THR_NAMED_PIPE|thr_process_create|thr_run).*");
+
+// What the library has and no sweep reached.
+void add_unreached(Tally &tally)
+{
+    std::set<std::string> reached = tally.called;
+    for (const std::string &name : watch_operations())
+        reached.insert(name);
+    for (const std::string &name : support::exports_of(support::thr_module())) {
+        if (name[0] != '_' && reached.count(name) == 0)
+            tally.accounts.insert(name + ": called in no scenario");
+        const std::string operation = name_in_source(name);
+        if (std::regex_match(operation, SHARED) && tally.died_in.count(operation) == 0)
+            tally.accounts.insert(operation + ": no death in it");
+    }
+    for (const SweepGate &gate : gates) {
+        if (gate.rule && reached.insert(gate.name).second)
+            tally.accounts.insert(gate.name + ": called in no scenario");
+    }
+    for (const support::Import &import : support::imports_of(support::thr_module())) {
+        const std::string name = support::plain_name(import.function);
+        if (reached.count(name) == 0)
+            tally.accounts.insert(name + ": never refused");
+    }
+}
+
+TEST(RefusalSweep, EveryRefusedCallAndEveryDeathIsSurvived)
 {
     support::allow_seconds(900);
     Tally tally;
+    install_gates();
+    std::vector<std::function<void()>> sweeps;
+    for (size_t i = 0; i < scenarios.size(); ++i) {
+        if (IS_RELEASE || scenarios[i].name != std::string("start_up"))
+            sweeps.push_back([&, i] { Sweep(i, tally).refuse_all(); });
+        if (scenarios[i].is_shared)
+            sweeps.push_back([&, i] { Sweep(i, tally).die_everywhere(); });
+    }
     std::atomic<size_t> next(0);
     auto work = [&] {
-        for (size_t i = next++; i < scenarios.size(); i = next++) {
-            if (IS_RELEASE || scenarios[i].name != std::string("start_up"))
-                Sweep(i, tally).run_all();
-        }
+        for (size_t i = next++; i < sweeps.size(); i = next++)
+            sweeps[i]();
     };
     std::thread other(work);
     work();
     other.join();
-    print(tally);
-    EXPECT_TRUE(tally.faults.empty());
-    for (const std::string &name : watch_operations())
-        tally.called.insert(name);
-    for (const std::string &name : support::exports_of(support::thr_module())) {
-        if (name[0] != '_' && tally.called.count(name) == 0)
-            tally.accounts.insert(name + ": called in no scenario");
-    }
-    install_gates();
-    for (const Gate &gate : gates) {
-        if (tally.called.count(gate.name) == 0)
-            tally.accounts.insert(gate.name + ": called in no scenario");
-        tally.called.insert(gate.name);
-    }
-    for (const support::Import &import : support::imports_of(support::thr_module())) {
-        if (tally.called.count(import.function) == 0)
-            tally.accounts.insert(import.function + ": never refused");
-    }
+    printf("%d imports, %d refusals and %d deaths survived, %d faults\n", int(tally.called.size()),
+           tally.refusals, tally.deaths, int(tally.faults.size()));
+    for (const std::string &fault : tally.faults)
+        ADD_FAILURE() << fault;
+    add_unreached(tally);
     if (IS_RELEASE)
         expect_accounts(tally.accounts);
 }

@@ -1,8 +1,10 @@
 #include "support/gates.h"
 
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 #include <stdexcept>
+#include <string_view>
 
 namespace support
 {
@@ -31,6 +33,42 @@ void write_slot(void **slot, void *value)
     VirtualProtect(slot, sizeof *slot, protection, &protection);
 }
 
+// Calls `use` with the DLL, the function and the slot of each import. It allocates nothing: there
+// are many, and an allocation may cost.
+template <class Use> void for_each_import(HMODULE module, Use use)
+{
+    auto &directory = directory_of(module, IMAGE_DIRECTORY_ENTRY_IMPORT);
+    auto *descriptor = at<IMAGE_IMPORT_DESCRIPTOR>(module, directory.VirtualAddress);
+    for (; directory.VirtualAddress && descriptor->Name; ++descriptor) {
+        auto *name = at<IMAGE_THUNK_DATA64>(module, descriptor->OriginalFirstThunk);
+        auto *address = at<IMAGE_THUNK_DATA64>(module, descriptor->FirstThunk);
+        for (; name->u1.AddressOfData; ++name, ++address) {
+            char number[32];
+            snprintf(number, sizeof number, "#%u", unsigned(IMAGE_ORDINAL64(name->u1.Ordinal)));
+            use(at<const char>(module, descriptor->Name),
+                IMAGE_SNAP_BY_ORDINAL64(name->u1.Ordinal)
+                    ? number
+                    : at<const char>(module,
+                                     name->u1.AddressOfData + sizeof(WORD)), // past the hint
+                reinterpret_cast<void **>(&address->u1.Function));
+        }
+    }
+}
+
+const char *plain_name_of(const char *import)
+{
+    static const std::string_view STRING = "_ZNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEE";
+    const std::string_view name = import;
+    if (name == "calloc" || name == "_strdup")
+        return "malloc";
+    bool throws = name == "_Znwy";
+    for (std::string_view member :
+         {"7reserveE", "9_M_appendE", "9_M_assignE", "9_M_createE", "9_M_mutateE", "10_M_replaceE"})
+        throws = throws || (name.substr(0, STRING.size()) == STRING &&
+                            name.substr(STRING.size(), member.size()) == member);
+    return throws ? "operator new" : import;
+}
+
 } // namespace
 
 HMODULE thr_module()
@@ -54,34 +92,16 @@ std::vector<std::string> exports_of(HMODULE module)
 
 std::vector<Import> imports_of(HMODULE module)
 {
-    auto &directory = directory_of(module, IMAGE_DIRECTORY_ENTRY_IMPORT);
     std::vector<Import> imports;
-    auto *descriptor = at<IMAGE_IMPORT_DESCRIPTOR>(module, directory.VirtualAddress);
-    for (; directory.VirtualAddress && descriptor->Name; ++descriptor) {
-        const char *dll = at<const char>(module, descriptor->Name);
-        auto *name = at<IMAGE_THUNK_DATA64>(module, descriptor->OriginalFirstThunk);
-        auto *address = at<IMAGE_THUNK_DATA64>(module, descriptor->FirstThunk);
-        for (; name->u1.AddressOfData; ++name, ++address) {
-            std::string function = IMAGE_SNAP_BY_ORDINAL64(name->u1.Ordinal)
-                                       ? "#" + std::to_string(IMAGE_ORDINAL64(name->u1.Ordinal))
-                                       : at<const char>(module, name->u1.AddressOfData +
-                                                                    sizeof(WORD)); // past the hint
-            imports.push_back({dll, function, reinterpret_cast<void **>(&address->u1.Function)});
-        }
-    }
+    for_each_import(module, [&](const char *dll, const char *function, void **slot) {
+        imports.push_back({dll, function, slot});
+    });
     return imports;
 }
 
 std::string plain_name(const std::string &import)
 {
-    static const char STRING[] = "_ZNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEE";
-    if (import == "calloc" || import == "_strdup")
-        return "malloc";
-    bool throws = import == "_Znwy";
-    for (const char *member :
-         {"7reserveE", "9_M_appendE", "9_M_assignE", "9_M_createE", "9_M_mutateE", "10_M_replaceE"})
-        throws = throws || import.find(STRING + std::string(member)) == 0;
-    return throws ? "operator new" : import;
+    return plain_name_of(import.c_str());
 }
 
 // --- patches ------------------------------------------------------------------------------------
@@ -89,10 +109,10 @@ std::string plain_name(const std::string &import)
 ImportPatch::ImportPatch(HMODULE module, const char *function, void *replacement)
     : m_slot(nullptr), m_original(nullptr)
 {
-    for (const Import &import : imports_of(module)) {
-        if (import.function == function)
-            m_slot = import.slot;
-    }
+    for_each_import(module, [&](const char *, const char *import, void **slot) {
+        if (strcmp(import, function) == 0)
+            m_slot = slot;
+    });
     if (!m_slot)
         throw std::runtime_error(std::string("the module does not import ") + function);
     m_original = *m_slot;
@@ -170,10 +190,10 @@ intptr_t Gate::pass(Entry *entry, const intptr_t *args)
 
 Gate::Gate(const std::string &name, Way way, HMODULE module) : m_way(std::move(way))
 {
-    for (const Import &import : imports_of(module)) {
-        if (import.function == name || plain_name(import.function) == name)
-            m_entries.push_back({this, import.slot, *import.slot, *import.slot});
-    }
+    for_each_import(module, [&](const char *, const char *import, void **slot) {
+        if (import == name || plain_name_of(import) == name)
+            m_entries.push_back({this, slot, *slot, *slot});
+    });
     if (m_entries.empty())
         throw std::runtime_error("the module does not import " + name);
     std::vector<void *> thunks;

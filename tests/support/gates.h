@@ -1,6 +1,6 @@
-// Gates in front of a loaded module's imports: each call can be counted, watched, refused, or led to
-// a function of the test's own. They are what makes the operating system refuse what a test wants
-// refused.
+// Gates in front of a loaded module's imports: each call can be counted, watched, refused, or led
+// to a function of the test's own. They are what makes the operating system refuse what a test
+// wants refused.
 #ifndef THR_TESTS_GATES_H
 #define THR_TESTS_GATES_H
 
