@@ -137,7 +137,7 @@ Run &act(Position at, bool keeps_sites = false)
     SweepGate *gate = item ? &gates[item->gate] : nullptr;
     start_run(&next, gate, item ? item->nth : 0, keeps_sites);
     scenario->act(directory);
-    forget_new_child();
+    end_new_child();
     GetCurrentDirectoryA(sizeof now, now);
     SetCurrentDirectoryA(home);
     clear(gate && has_name("DeleteFileW MoveFileW", gate->name));
@@ -180,7 +180,7 @@ const char *left_over(const Balance &before, size_t handles, int stopped_threads
         "heap blocks are left",  "critical sections are left", "locks are held",   "texts are left",
         "thread slots are left", "libraries are left",         "searches are left"};
     const char *left = nullptr;
-    for (int tries = 0; tries < 500; ++tries) {
+    for (int tries = 0; tries < 150; ++tries) {
         left = support::live_handle_count(HANDLES) > handles ? "handles are left" : nullptr;
         for (int kind = 0; kind < KINDS; ++kind) {
             const int of_a_stopped_thread = kind == BLOCKS ? 2 : kind == SECTIONS ? 1 : 0;
@@ -290,11 +290,8 @@ public:
         for (int i = 0; i < m_account.items; ++i) {
             const Item &item = m_account.plan[i];
             for (How how : {BEFORE, AFTER}) {
-                if (gates[item.gate].only_asks)
-                    continue;
-                run_child(DEATH | int(item.is_first), {i, how});
-                if (item.is_first)
-                    run_child(DEATH, END);
+                if (!gates[item.gate].only_asks && !item.is_first)
+                    run_child(DEATH, {i, how});
             }
         }
         run_child(DEATH, END);

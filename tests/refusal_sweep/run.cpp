@@ -265,14 +265,10 @@ void start_run(Run *next, SweepGate *gate, LONG nth, bool shall_keep_sites)
     }
 }
 
-void forget_new_child()
-{
-    if (new_child)
-        CloseHandle(new_child);
-    new_child = nullptr;
-}
-
 void end_new_child()
 {
     TerminateProcess(new_child, 1);
+    if (new_child)
+        CloseHandle(new_child);
+    new_child = nullptr;
 }

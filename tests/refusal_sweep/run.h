@@ -74,9 +74,7 @@ std::string name_in_source(const std::string &symbol);
 // from is kept when it shall be.
 void start_run(Run *run, SweepGate *gate, LONG nth, bool keeps_sites);
 
-// The child that the library started, while it may be suspended: for a process that ends in the
-// middle of a creation, as nobody else knows of it.
-void forget_new_child();
+// Ends the child that the library started: it may be suspended, and nobody else know of it.
 void end_new_child();
 
 // In use by the library; of the heap's blocks those of the C++ runtime, too.

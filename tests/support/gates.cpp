@@ -1,7 +1,6 @@
 #include "support/gates.h"
 
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <stdexcept>
 #include <string_view>
@@ -43,11 +42,9 @@ template <class Use> void for_each_import(HMODULE module, Use use)
         auto *name = at<IMAGE_THUNK_DATA64>(module, descriptor->OriginalFirstThunk);
         auto *address = at<IMAGE_THUNK_DATA64>(module, descriptor->FirstThunk);
         for (; name->u1.AddressOfData; ++name, ++address) {
-            char number[32];
-            snprintf(number, sizeof number, "#%u", unsigned(IMAGE_ORDINAL64(name->u1.Ordinal)));
             use(at<const char>(module, descriptor->Name),
                 IMAGE_SNAP_BY_ORDINAL64(name->u1.Ordinal)
-                    ? number
+                    ? "#"
                     : at<const char>(module,
                                      name->u1.AddressOfData + sizeof(WORD)), // past the hint
                 reinterpret_cast<void **>(&address->u1.Function));
