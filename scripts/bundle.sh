@@ -56,7 +56,7 @@ check_bundle()
     run_tests 0 "${#programs[@]} passed, 0 failed" "$@"
     say "with a file missing"
     rm "$folder/bin/fixtures/thr.h"
-    run_tests 1 "1 passed, 1 failed" exports_test objects_test
+    run_tests 1 "1 passed, 1 failed" exports_test locks_test
     say "the bundle works"
 }
 
