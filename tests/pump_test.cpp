@@ -32,8 +32,8 @@ LRESULT CALLBACK window_proc(HWND window, UINT message, WPARAM wparam, LPARAM lp
     return DefWindowProcA(window, message, wparam, lparam);
 }
 
-// Posts a message for each character, but 'x' is the exit event, 'q' a quit with this code, and 'A'
-// a key. Pumps. Returns the result, what is handled, and, behind a line, what is left, a quit by
+// Posts a message for each character, but 'x' is the exit event, 'q' a quit with this code, and
+// '\r' a key. Pumps. Returns the result, what is handled, and, behind a line, what is left, a quit by
 // its code, and whether the exit still waits. A pump that waits gets a message from a timer.
 std::string pump(const std::string &posted, uint64_t limit)
 {
@@ -47,7 +47,7 @@ std::string pump(const std::string &posted, uint64_t limit)
         else if (c == 'q')
             PostQuitMessage(c);
         else
-            PostMessageA(window, c == 'A' ? UINT(WM_KEYDOWN) : SIGN, c, 0);
+            PostMessageA(window, c == '\r' ? UINT(WM_KEYDOWN) : SIGN, c, 0);
     }
     // The looks have an end, and a key that was only looked at is taken away, as what another
     // thread sends may do it.
@@ -73,7 +73,7 @@ TEST(Pump, StopsAtItsLimitAtTheExitAndAtAQuit)
     EXPECT_EQ(thr_win32_pump_exit_event, nullptr);
     EXPECT_EQ(std::exchange(thr_win32_pump_exit_retcode, 5000000000), 95134u);
     const std::tuple<const char *, uint64_t, const char *> cases[] = {
-        {"A", 0, "0 a|"},         // a key gives a character
+        {"\r", 0, "0 \r|"},       // a key gives a character
         {"12345", 0, "0 12345|"}, // one more than the limit is handled
         {"12345", 2, "3 123|45"},
         {"12345", 5, "5 12345|"},

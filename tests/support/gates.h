@@ -16,8 +16,8 @@ namespace support
 // The loaded thr.dll; throws when the program has none.
 HMODULE thr_module();
 
-// One import; the function is "#" where it is imported by ordinal. `slot` is the entry of the import
-// table, which holds the function's address.
+// One import; the function is "#" where it is imported by ordinal. `slot` is the entry of the
+// import table, which holds the function's address.
 struct Import {
     std::string dll;
     std::string function;

@@ -1,6 +1,6 @@
 #include "support/heap.h"
 
-#include "support/import_patch.h"
+#include "support/gates.h"
 
 #include <algorithm>
 #include <cstdio>

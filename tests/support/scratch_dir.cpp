@@ -43,6 +43,8 @@ ScratchDir::ScratchDir()
 {
     wchar_t temp[MAX_PATH + 1];
     DWORD length = GetTempPathW(MAX_PATH + 1, temp);
+    if (length != 0 && length <= MAX_PATH) // it may have short names
+        length = GetLongPathNameW(temp, temp, MAX_PATH + 1);
     if (length == 0 || length > MAX_PATH)
         throw std::runtime_error("no folder for temporary files");
     static LONG count = 0;
