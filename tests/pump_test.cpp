@@ -33,8 +33,8 @@ LRESULT CALLBACK window_proc(HWND window, UINT message, WPARAM wparam, LPARAM lp
 }
 
 // Posts a message for each character, but 'x' is the exit event, 'q' a quit with this code, and
-// '\r' a key. Pumps. Returns the result, what is handled, and, behind a line, what is left, a quit by
-// its code, and whether the exit still waits. A pump that waits gets a message from a timer.
+// '\r' a key. Pumps. Returns the result, what is handled, and, behind a line, what is left, a quit
+// by its code, and whether the exit still waits. A pump that waits gets a message from a timer.
 std::string pump(const std::string &posted, uint64_t limit)
 {
     static const HWND window =
