@@ -117,7 +117,7 @@ std::string outcome_of(const std::string &name, const Row &row = {})
     using Function = int (*)(const void *, uintptr_t, const void *, int, int, int, int);
     auto address = reinterpret_cast<void *>(GetProcAddress(MODULE, name.c_str()));
     std::string outcome;
-    std::function<void()> call = [&] {
+    std::function<void()> action = [&] {
         auto function = reinterpret_cast<Function>(address);
         outcome = std::to_string(function(row.first, row.second, row.third, 0, 0, 0, 0));
     };
@@ -127,8 +127,8 @@ std::string outcome_of(const std::string &name, const Row &row = {})
     });
     error = "";
     thr_set_report_func([](const char *message, auto...) { error = message; });
-    auto run = [](void *job) -> DWORD { return (*static_cast<decltype(&call)>(job))(), 0; };
-    HANDLE thread = CreateThread(nullptr, 0, run, &call, 0, nullptr);
+    auto run = [](void *job) -> DWORD { return (*static_cast<decltype(&action)>(job))(), 0; };
+    HANDLE thread = CreateThread(nullptr, 0, run, &action, 0, nullptr);
     EXPECT_EQ(WaitForSingleObject(thread, PATIENCE_MS), WAIT_OBJECT_0) << name;
     CloseHandle(thread);
     return outcome;

@@ -36,8 +36,8 @@ __attribute__((noreturn)) void __chk_fail()
 // can't have it right.
 __attribute__((constructor)) static void set_guard()
 {
-    const uint64_t process = GetCurrentProcessId();
-    uint64_t value = __builtin_ia32_rdtsc() ^ reinterpret_cast<uintptr_t>(&process) ^ process << 32;
+    uint64_t value = __builtin_ia32_rdtsc();
+    value ^= reinterpret_cast<uintptr_t>(&value) ^ reinterpret_cast<uintptr_t>(&set_guard) << 32;
     value *= 0x9E3779B97F4A7C15;
     value ^= value >> 32;
     __stack_chk_guard = reinterpret_cast<void *>(value & ~uint64_t{0xFF});
