@@ -196,8 +196,10 @@ void print_debug(const char *sub_system, const char *format, va_list args)
 void use_debug_channel()
 {
     _dup2(2, 1); // standard error is what the test sees
-    const std::pair<THR_DEBUG_FUNC, int> settings[] = {
-        {nullptr, 0}, {print_debug, 0}, {nullptr, 2}, {nullptr, 0}, {print_debug, 0}};
+    const struct {
+        THR_DEBUG_FUNC hook;
+        int fake_debug;
+    } settings[] = {{nullptr, 0}, {print_debug, 0}, {nullptr, 2}, {nullptr, 0}, {print_debug, 0}};
     for (auto [hook, fake_debug] : settings) {
         thr_set_debug_func(hook, fake_debug);
         thr_debug_message("%s %d", "word", 7);
