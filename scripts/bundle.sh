@@ -3,7 +3,7 @@
 #
 # Makes the bundle of tests for Windows, build/windows/thr-<version>-win64-tests.zip, and shows that
 # it works by itself: unpacked into a folder with blanks in its name, its run_tests.cmd runs under
-# Wine, all programs or those named. A test whose data is missing must then make it fail.
+# Wine, all programs or those named (as in its programs.txt). A test whose data is missing must then make it fail.
 #
 #   --preset NAME  the bundle of another preset of CMakePresets.json (default: windows)
 set -euo pipefail
@@ -54,7 +54,7 @@ check_bundle()
     start_wine "$work/wine"
     say "running ${#programs[@]} programs of $(basename "$folder")"
     run_tests 0 "${#programs[@]} passed, 0 failed" "$@"
-    say "with a file missing"
+    say "with a file missing: exports_test must fail"
     rm "$folder/bin/fixtures/thr.h"
     run_tests 1 "1 passed, 1 failed" exports_test locks_test
     say "the bundle works"
