@@ -4,6 +4,12 @@
 # them with debug information, ten times the size: the target thr_runtime copies them without;
 # -p keeps their time stamps.
 get_filename_component(thr_compiler_dir ${CMAKE_CXX_COMPILER} DIRECTORY)
+# llvm-objcopy, which CMake takes beside clang, knows no -p for DLLs and does not read every one.
+if(CMAKE_OBJCOPY MATCHES llvm-objcopy)
+  find_program(THR_OBJCOPY NAMES ${CMAKE_CXX_COMPILER_TARGET}-objcopy objcopy
+               HINTS ${thr_compiler_dir} NO_CMAKE_FIND_ROOT_PATH REQUIRED DOC "GNU objcopy")
+  set(CMAKE_OBJCOPY ${THR_OBJCOPY})
+endif()
 set(THR_RUNTIME_DLLS)
 foreach(dll libstdc++-6.dll libgcc_s_seh-1.dll libwinpthread-1.dll)
   execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=${dll}

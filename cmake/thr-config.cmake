@@ -11,7 +11,7 @@ include(CheckSourceCompiles)
 cmake_push_check_state(RESET)
 set(CMAKE_REQUIRED_QUIET ON)
 check_source_compiles(${thr_language} "
-  #if !defined _WIN32 || !(defined __x86_64__ || defined _M_X64)
+  #if !defined _WIN32 || !(defined __x86_64__ || defined _M_X64) || defined _M_ARM64EC
   #error
   #endif
   int main(void) { return 0; }" THR_COMPILER_IS_FOR_X64)

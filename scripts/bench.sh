@@ -36,9 +36,8 @@ build=$root/build/windows
 
 install_gnuplot()
 {
-    command -v gnuplot >/dev/null || DEBIAN_FRONTEND=noninteractive apt-get -q install -y \
-        --no-install-recommends gnuplot-nox </dev/null ||
-        die "as root run: apt-get install gnuplot-nox"
+    command -v gnuplot >/dev/null || install_packages gnuplot-nox ||
+        die "as root run: apt-get install gnuplot-nox (why it failed is in build/packages.log)"
 }
 
 run_bench()

@@ -3,7 +3,8 @@
 #
 # Makes the bundle of tests for Windows, build/windows/thr-<version>-win64-tests.zip, and shows that
 # it works by itself: unpacked into a folder with blanks in its name, its run_tests.cmd runs under
-# Wine, all programs or those named (as in its programs.txt). A test whose data is missing must then make it fail.
+# Wine, all programs or those named (as in its programs.txt). A test whose data is missing must then
+# make it fail.
 #
 #   --preset NAME  the bundle of another preset of CMakePresets.json (default: windows)
 set -euo pipefail

@@ -112,6 +112,26 @@ build_unlocked()
     [ -t 1 ] || say "built in $SECONDS s"
 )
 
+# --- packages -----------------------------------------------------------------------------------
+
+# Without this run's mark: half an installation would be worse than one that goes on.
+apt()
+{
+    local as_root=()
+    [ "$(id -u)" -eq 0 ] || as_root=(sudo -n)
+    thr_run='' "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+        apt-get -q -o Acquire::Retries=2 -o DPkg::Lock::Timeout=300 "$@" </dev/null
+}
+
+# The package lists of a new machine are absent, those of an old one out of date.
+install_packages()
+{
+    {
+        apt install -y --no-install-recommends "$@" ||
+            { apt update && apt install -y --no-install-recommends "$@"; }
+    } >"$root/build/packages.log" 2>&1
+}
+
 # --- Wine ---------------------------------------------------------------------------------------
 
 # Makes Wine use this prefix: no windows, no offers to install anything, and no debugger, which may

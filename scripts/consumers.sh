@@ -10,7 +10,6 @@
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
-
 case ${1-} in
 -h | --help) usage && exit ;;
 --preset) preset=${2-} ;;
@@ -18,8 +17,14 @@ case ${1-} in
 *) die "unknown argument: $1 (see --help)" ;;
 esac
 case $preset in
-windows) kind=win64 target=x86_64-w64-mingw32 flavour=-posix runtime='msvcrt\.dll' ;;
-windows-ucrt) kind=win64-ucrt target=x86_64-w64-mingw32ucrt flavour='' runtime=api-ms-win-crt ;;
+windows)
+    kind=win64 target=x86_64-w64-mingw32 flavour=-posix
+    runtime='msvcrt\.dll' other=api-ms-win-crt
+    ;;
+windows-ucrt)
+    kind=win64-ucrt target=x86_64-w64-mingw32ucrt flavour=''
+    runtime=api-ms-win-crt other='msvcrt\.dll'
+    ;;
 *) die "no package is checked of preset \"$preset\" (see --help)" ;;
 esac
 
@@ -31,7 +36,7 @@ gxx=$target-g++$flavour
 
 unpack_package()
 {
-    local version zip text
+    local version zip text file
     version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$root/build/$preset/CMakeCache.txt")
     zip=$root/build/$preset/thr-$version-$kind.zip
     rm -rf "$work"
@@ -40,6 +45,10 @@ unpack_package()
     prefix=$work/the\ package/$(basename "$zip" .zip)
     $target-objdump -p "$prefix/bin/thr.dll" | grep "DLL Name: $runtime" >"$work/runtime" ||
         die "the package $kind does not use the C runtime of its name"
+    for file in "$prefix"/bin/*.{exe,dll}; do
+        $target-objdump -p "$file" >"$work/imports" || die "objdump can't read $file"
+        ! grep "DLL Name: $other" "$work/imports" || die "$(basename "$file") imports that"
+    done
     [ -s "$prefix/bin/thr.pdb" ] || die "the package has no thr.pdb"
     ! grep -rlF -e "$root/build" -e "$root/thr/" "$prefix" ||
         die "the files of the package above hold the path of this build"

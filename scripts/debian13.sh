@@ -2,9 +2,9 @@
 # Usage: scripts/debian13.sh [COMMAND...]
 #
 # Runs COMMAND in a Debian 13 tree, in a copy of this project; without one, scripts/test.sh for both
-# C runtimes, msvcrt and UCRT. The tree is build/debian13: the first call makes it, from the package
-# mirror of this machine. Needs root. The copy, "/a user/thr" in the tree, keeps its build folder
-# between calls.
+# C runtimes, msvcrt and UCRT, and the looks at what is shipped for UCRT. The tree is build/debian13:
+# the first call makes it, from the package mirror of this machine. Needs root. The copy,
+# "/a user/thr" in the tree, keeps its build folder between calls.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
@@ -14,7 +14,8 @@ copy="/a user/thr" # a blank, and a name that no file of the package holds by ch
 case ${1-} in
 -h | --help) usage && exit ;;
 esac
-[ $# -ne 0 ] || set -- sh -c 'scripts/test.sh && scripts/test.sh --preset windows-ucrt'
+[ $# -ne 0 ] || set -- sh -c 'scripts/test.sh && scripts/test.sh --preset windows-ucrt &&
+    scripts/shipped.sh windows-ucrt'
 [ "$(id -u)" -eq 0 ] || die "only root can enter another Debian: run it as root"
 
 # The machine's own way to its packages, whatever that is: its first mirror and its settings.
@@ -22,14 +23,18 @@ make_tree()
 {
     [ ! -e "$tree/.ready" ] || return 0
     local mirror
-    command -v debootstrap >/dev/null || DEBIAN_FRONTEND=noninteractive apt-get -q install -y \
-        --no-install-recommends debootstrap </dev/null ||
-        die "as root run: apt-get install debootstrap"
-    mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' | head -n 1)
+    command -v debootstrap >/dev/null || install_packages debootstrap ||
+        die "as root run: apt-get install debootstrap (why it failed is in build/packages.log)"
+    mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Created-By: Packages' 'Origin: Debian' |
+        head -n 1)
     [ -n "$mirror" ] || die "no package mirror is set up: as root run apt-get update"
     say "making a Debian 13 tree in build/debian13"
     rm -rf "$tree"
-    debootstrap --variant=minbase trixie "$tree" "$mirror" >"$root/build/debian13.log" 2>&1 ||
+    mkdir -p "$tree"
+    # It mounts in the tree, which must end with it, and takes no path with a blank.
+    unshare --mount sh -euc 'mount --make-rprivate / && mount --bind "$1" /mnt &&
+        exec debootstrap --variant=minbase trixie /mnt "$2"' sh "$tree" "$mirror" \
+        >"$root/build/debian13.log" 2>&1 ||
         die "the tree could not be made: see build/debian13.log"
     apt-config dump Acquire >"$tree/etc/apt/apt.conf.d/90host"
     touch "$tree/.ready"

@@ -28,6 +28,10 @@ requirements=(
     clang-tidy=clang-tidy
     cppcheck=cppcheck
 )
+# From Debian 13 on; testing tells no number.
+debian=$(. /etc/os-release && echo "${VERSION_ID:-13}")
+[ "${debian%%.*}" -lt 13 ] ||
+    requirements+=(g++-mingw-w64-ucrt64=x86_64-w64-mingw32ucrt-g++)
 
 missing_packages()
 {
@@ -41,26 +45,13 @@ missing_packages()
     done
 }
 
-# Without this run's mark: half an installation would be worse than one that goes on.
-apt()
-{
-    local as_root=()
-    [ "$(id -u)" -eq 0 ] || as_root=(sudo -n)
-    thr_run='' "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
-        apt-get -q -o Acquire::Retries=2 -o DPkg::Lock::Timeout=300 "$@" </dev/null
-}
-
 install_missing()
 {
     local missing
     mapfile -t missing < <(missing_packages)
     [ ${#missing[@]} -ne 0 ] || return 0
     say "installing ${missing[*]}"
-    # The package lists of a new machine are absent, those of an old one out of date.
-    {
-        apt install -y --no-install-recommends "${missing[@]}" ||
-            { apt update && apt install -y --no-install-recommends "${missing[@]}"; }
-    } >"$root/build/packages.log" 2>&1 || true
+    install_packages "${missing[@]}" || true
     mapfile -t missing < <(missing_packages)
     [ ${#missing[@]} -eq 0 ] ||
         die "packages are missing, as root run: apt-get install ${missing[*]}" \

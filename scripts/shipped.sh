@@ -51,9 +51,10 @@ check_dll()
 {
     local dll=bin/thr.dll runtime=msvcrt fact
     [ $preset = windows ] || runtime='api-ms-win-crt-[a-z0-9-]*'
-    ! llvm-readobj --coff-imports $dll | sed -n 's/^  Name: //p' | grep -vxE \
-        "(KERNEL32|USER32|$runtime|lib(stdc\+\+-6|gcc_s_seh-1|winpthread-1))\.dll" ||
-        die "thr.dll imports what is listed above"
+    llvm-readobj --coff-imports $dll | sed -n 's/^  Name: //p' >"$work/imports"
+    grep -qx 'KERNEL32\.dll' "$work/imports" || die "the imports of thr.dll can't be read"
+    ! grep -vxE "(KERNEL32|USER32|$runtime|lib(stdc\+\+-6|gcc_s_seh-1|winpthread-1))\.dll" \
+        "$work/imports" || die "thr.dll imports what is listed above"
     { llvm-readobj --file-headers $dll && llvm-nm thr/CMakeFiles/thr_objects.dir/*.obj; } \
         >"$work/facts"
     for fact in _DYNAMIC_BASE _HIGH_ENTROPY_VA _NX_COMPAT 'SymbolCount: 0$' \
@@ -119,6 +120,9 @@ check_plain_builds()
         [ "$(grep -ci "$what not found" "$work/log")" -eq 1 ] || die "no line tells of no $what"
     done
     quietly cmake --build "$work/plain build" --target thr
+    ! (cd "$work/plain build" && cmake -DNAME=none -DCOMPONENT=Unspecified \
+        -P "$second/cmake/make_zip.cmake") >"$work/log" 2>&1 &&
+        grep -q 'no licences' "$work/log" || die "a package is made without licences"
     mkdir "$work/host"
     cat >"$work/host/CMakeLists.txt" <<'END'
 cmake_minimum_required(VERSION 3.21)
@@ -126,6 +130,8 @@ project(host C)
 add_subdirectory("../the second" thr)
 add_executable(host host.c)
 target_link_libraries(host PRIVATE thr::thr)
+add_custom_command(TARGET host POST_BUILD
+  COMMAND ${CMAKE_COMMAND} -E copy_if_different ${thr_RUNTIME_DLLS} $<TARGET_FILE_DIR:host>)
 END
     printf '#include "thr/thr.h"\nint main(void) { return thr_getpid(); }\n' >"$work/host/host.c"
     configure_plainly -S "$work/host" -B "$work/host/build"

@@ -163,6 +163,8 @@ run_programs()
 }
 
 "$root/scripts/setup.sh"
+[ "$preset" != windows-ucrt ] || command -v x86_64-w64-mingw32ucrt-g++ >/dev/null ||
+    die "install g++-mingw-w64-ucrt64, which is there from Debian 13 on"
 build_preset "$preset"
 package_status=0
 if [ "$filter" = "*" ] && [[ $preset =~ ^windows(-ucrt)?$ ]]; then
