@@ -159,6 +159,7 @@ TEST(DllDirectory, IsTakenFromTheExecutablesPath)
     Recorder debug;
     const char *program;
     auto tell_path = [&](const Call &call) -> intptr_t {
+        EXPECT_EQ(call.arg<HMODULE>(0), GetModuleHandleA(nullptr)) << "not the DLL's path";
         return std::string(program).copy(call.arg<char *>(1), call.arg<DWORD>(2));
     };
     Gate gate("GetModuleFileNameA", tell_path, OWN);
