@@ -2,7 +2,7 @@
 # Usage: scripts/setup.sh
 #
 # Installs the Debian packages that building, testing and checking need, where they are missing,
-# and creates the Wine prefix build/wine. The other scripts run it first.
+# and creates the Wine prefix build/wine. The scripts that need these run it first.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 take_no_arguments "$@"
