@@ -3,7 +3,6 @@
 #include "support/gates.h"
 
 #include <cstdint>
-#include <list>
 #include <new>
 #include <stdexcept>
 #include <vector>
@@ -65,12 +64,18 @@ public:
     {
         if (!m_thunks)
             throw std::runtime_error("no memory for code");
-        watch(support::thr_module(), m_patches);
-        watch(GetModuleHandleA(nullptr), m_patches);
+        watch(support::thr_module());
+        watch(GetModuleHandleA(nullptr));
+        m_lasting = m_slots.size();
         if (LdrRegisterDllNotification(0, on_load, this, &m_cookie) != 0)
             throw std::runtime_error("the loader does not tell what it loads");
     }
-    ~Counter() { LdrUnregisterDllNotification(m_cookie); }
+    ~Counter()
+    {
+        LdrUnregisterDllNotification(m_cookie);
+        for (size_t index = 0; index < m_lasting; ++index)
+            support::set_slot(m_slots[index], m_thunks[index].m_target);
+    }
     Counter(const Counter &) = delete;
     Counter &operator=(const Counter &) = delete;
 
@@ -91,14 +96,11 @@ private:
     static void CALLBACK on_load(ULONG reason, const Loaded *loaded, void *context)
     {
         const ULONG is_loaded = 1;
-        if (reason != is_loaded)
-            return;
-        // its imports go with it: they are not put back
-        auto *patches = new std::list<support::ImportPatch>;
-        static_cast<Counter *>(context)->watch(static_cast<HMODULE>(loaded->module), *patches);
+        if (reason == is_loaded)
+            static_cast<Counter *>(context)->watch(static_cast<HMODULE>(loaded->module));
     }
 
-    void watch(HMODULE module, std::list<support::ImportPatch> &patches)
+    void watch(HMODULE module)
     {
         for (const support::Import &import : support::imports_of(module)) {
             std::string name = counted_name(import);
@@ -109,15 +111,16 @@ private:
             Thunk *thunk = new (&m_thunks[m_names.size()]) Thunk;
             thunk->m_target = *import.slot;
             m_names.push_back(name);
-            patches.emplace_back(import.function.c_str(), reinterpret_cast<void (*)()>(thunk),
-                                 module);
+            m_slots.push_back(import.slot);
+            support::set_slot(import.slot, thunk);
         }
     }
 
     static const size_t MOST_THUNKS = 2048;
     Thunk *m_thunks;                  // never given back: a thread may be in one of them
     std::vector<std::string> m_names; // of the thunks
-    std::list<support::ImportPatch> m_patches;
+    std::vector<void **> m_slots;     // that lead to them
+    size_t m_lasting = 0;             // of those: the others go with a module that comes meanwhile
     void *m_cookie = nullptr;
 };
 

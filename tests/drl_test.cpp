@@ -1,17 +1,8 @@
 // The loading service, on real libraries, with its errors, their lock, and a report hook.
-#include "thr/thr.h"
 
-#include "support/child.h"
-#include "support/gates.h"
-#include "support/recorders.h"
-#include "support/scratch_dir.h"
+#include "support/test.h"
 
 #include <algorithm>
-#include <cstring>
-#include <thread>
-#include <tuple>
-
-#include <gtest/gtest.h>
 
 using namespace support;
 
@@ -147,7 +138,7 @@ ROLE(fails)
         say(message + std::string(", ") + thr_drl_get_error_data());
     });
     thr_setenv("THR_DRL_DEBUG", args[0].c_str()); // too late
-    RefusedMalloc refused(std::stoi(args[1]));
+    Gate refused(Refusal{"malloc", std::stoi(args[1]), 0, ERROR_NOT_ENOUGH_MEMORY});
     thr_drl_load("no_such_library");
     thr_drl_find_function(nullptr, "no_such_function");
     return 0;

@@ -1,15 +1,9 @@
 // Environment variables and the process-wide handlers.
-#include "thr/thr.h"
 
-#include "support/gates.h"
+#include "support/test.h"
 
-#include <atomic>
 #include <exception>
 #include <new>
-#include <thread>
-#include <tuple>
-
-#include <gtest/gtest.h>
 
 namespace
 {

@@ -1,13 +1,9 @@
 // The exception, its conditions and messages, as a host of thr.dll meets them.
-#include "support/gates.h"
 
-#include "thr/thr_classes.h"
+#include "support/test.h"
 
 #include <cstdio>
 #include <list>
-#include <sstream>
-
-#include <gtest/gtest.h>
 
 namespace
 {

@@ -1,16 +1,10 @@
 // What thr.dll offers and needs, read from the loaded module, from its file, from its header and
 // from the manual.
-#include "support/child.h"
-#include "support/gates.h"
-#include "thr/thr.h"
+
+#include "support/test.h"
 
 #include <fstream>
-#include <functional>
-#include <map>
 #include <regex>
-#include <sstream>
-
-#include <gtest/gtest.h>
 
 using namespace support;
 

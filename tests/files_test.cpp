@@ -1,24 +1,16 @@
 // Paths, files and lock files, through the library's objects.
-#include "support/child.h"
-#include "support/gates.h"
-#include "support/recorders.h"
-#include "support/scratch_dir.h"
 
-#include "thr/thr_classes.h"
+#include "support/test.h"
+
 #include "thr/thr_interprocess.h"
 #include "thr/thr_osi_sys.h"
 
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <thread>
-#include <tuple>
 
 #include <fcntl.h>
 #include <io.h>
 #include <time.h>
-
-#include <gtest/gtest.h>
 
 using std::filesystem::current_path;
 using support::Call;
@@ -220,9 +212,8 @@ TEST(CurrentDirectory, IsReadWhenItFits)
         EXPECT_STREQ(thr_osi_getcwd(buffer, size), read);
         EXPECT_STREQ(THR_HEAP_TEXT(thr_osi_getcwd(nullptr, size)).get(), read);
     }
-    EXPECT_INTERNAL_ERROR(
-        (support::RefusedMalloc(1, GetModuleHandleA(nullptr)), thr_osi_getcwd(nullptr, 1000)),
-        "buf", "thr_osi_sys");
+    EXPECT_INTERNAL_ERROR((Fake("malloc", [](auto &) { return 0; }), thr_osi_getcwd(nullptr, 1000)),
+                          "buf", "thr_osi_sys");
 }
 
 // --- interprocess mode and processes ------------------------------------------------------------

@@ -1,14 +1,8 @@
 // The interprocess mutex and read-write semaphore of thr.dll, among real processes.
-#include "support/gates.h"
-#include "support/scene.h"
-#include "support/scratch_dir.h"
 
-#include "thr/thr_classes.h"
+#include "support/test.h"
 
 #include <filesystem>
-#include <memory>
-
-#include <gtest/gtest.h>
 
 using support::Call;
 using support::Gate;

@@ -1,16 +1,8 @@
 // Events, mutexes and the read-write semaphore among threads, through the classes over them.
-#include "support/gates.h"
-#include "support/scene.h"
 
-#include "thr/thr_classes.h"
+#include "support/test.h"
 
-#include <atomic>
-#include <cstring>
-#include <memory>
 #include <random>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 using namespace support;
 
@@ -112,7 +104,7 @@ const Orders ORDERS = {
 void play(const char *steps)
 {
     shared = new Shared;
-    ImportPatch waits("WaitForSingleObject", &wait), enters("EnterCriticalSection", &enter);
+    Gate waits("WaitForSingleObject", &wait), enters("EnterCriticalSection", &enter);
     Scene([](const std::string &) { return new_thread(ORDERS); }).play(steps);
 }
 
@@ -181,11 +173,10 @@ Answer use_often(bool writes, unsigned seed)
 
 TEST(RwSem, KeepsItsInvariantsUnderLoad)
 {
-    ImportPatch patches[] = {
-        {"EnterCriticalSection", &jittery<&EnterCriticalSection, CRITICAL_SECTION *>},
-        {"LeaveCriticalSection", &jittery<&LeaveCriticalSection, CRITICAL_SECTION *>},
-        {"SetEvent", &jittery<&SetEvent, HANDLE>},
-        {"WaitForSingleObject", &jittery<&WaitForSingleObject, HANDLE, DWORD>}};
+    Gate patches[] = {{"EnterCriticalSection", &jittery<&EnterCriticalSection, CRITICAL_SECTION *>},
+                      {"LeaveCriticalSection", &jittery<&LeaveCriticalSection, CRITICAL_SECTION *>},
+                      {"SetEvent", &jittery<&SetEvent, HANDLE>},
+                      {"WaitForSingleObject", &jittery<&WaitForSingleObject, HANDLE, DWORD>}};
     const unsigned seed = std::random_device()();
     SCOPED_TRACE("seed " + std::to_string(seed));
     shared = new Shared;

@@ -1,16 +1,9 @@
 // The named pipes of thr.dll, among processes and call by call.
-#include "support/gates.h"
-#include "support/recorders.h"
-#include "support/scene.h"
 
-#include "thr/thr_classes.h"
+#include "support/test.h"
 
 #include <array>
-#include <cstring>
 #include <set>
-#include <sstream>
-
-#include <gtest/gtest.h>
 
 namespace
 {
@@ -86,7 +79,7 @@ struct Argument {
 };
 
 template <char LETTER, auto FUNCTION, class Result, class First, class... Rest>
-support::ImportPatch spy(const char *name, Result (*)(First, Rest...))
+Gate spy(const char *name, Result (*)(First, Rest...))
 {
     auto *call = +[](First first, Rest... rest) {
         calls += LETTER + Argument::shown(first) + " ";
@@ -111,10 +104,10 @@ TEST(NamedPipe, AsksForWhatItNeedsAndForgetsReleasedHandles)
     int blocks = 0; // of memory that the library has
     Gate take("malloc", [&](const Call &call) { return ++blocks, call.go_on(); });
     Gate give("free", [&](const Call &call) { return blocks -= !!call.args[0], call.go_on(); });
-    support::ImportPatch patches[] = {SPY('m', CreateNamedPipeA), SPY('o', CreateFileA),
-                                      SPY('w', WaitNamedPipeA),   SPY('c', ConnectNamedPipe),
-                                      SPY('f', FlushFileBuffers), SPY('d', DisconnectNamedPipe),
-                                      SPY('x', CloseHandle)};
+    Gate patches[] = {SPY('m', CreateNamedPipeA), SPY('o', CreateFileA),
+                      SPY('w', WaitNamedPipeA),   SPY('c', ConnectNamedPipe),
+                      SPY('f', FlushFileBuffers), SPY('d', DisconnectNamedPipe),
+                      SPY('x', CloseHandle)};
     const std::string longest(503, 'n');
     std::string all_refused, all_tried;
     for (int i = 0; i < 255; i++) {

@@ -1,20 +1,11 @@
 // Child processes: their streams, jobs and ends, and the calls that the system may refuse. The
 // children are this program in a role.
-#include "support/child.h"
-#include "support/gates.h"
 
-#include "thr/thr.h"
+#include "support/test.h"
 
 #include <array>
-#include <cstring>
 #include <future>
-#include <optional>
-#include <sstream>
 #include <stdexcept>
-#include <thread>
-#include <tuple>
-
-#include <gtest/gtest.h>
 
 using namespace support;
 

@@ -1,15 +1,8 @@
 // The tests run on the thread that loaded the library: its main thread.
-#include "thr/thr.h"
 
-#include "support/gates.h"
+#include "support/test.h"
 
 #include <cstdint>
-#include <string>
-#include <thread>
-#include <tuple>
-#include <utility>
-
-#include <gtest/gtest.h>
 
 using support::Call;
 using support::Gate;

@@ -1,20 +1,10 @@
 // The reporting frame, through the library's objects: most of it is not exported.
-#include "thr/thr.h"
+#include "support/test.h"
+
 #include "thr/thr_report.h"
 
-#include "support/child.h"
-#include "support/gates.h"
-#include "support/recorders.h"
-
-#include <atomic>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
 
 #include <io.h>
 

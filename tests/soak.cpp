@@ -2,20 +2,13 @@
 // semaphore, run threads, load and pipe, and die at random, also while they hold a lock. Whoever
 // gets a lock looks whether anybody else has it. At the end nothing may have been violated, and
 // neither handles nor heap blocks may have grown with the work. scripts/soak.sh runs it.
-#include "refusal_sweep/run.h"
-#include "support/handles.h"
+#include "support/test.h"
 
-#include "thr/thr_classes.h"
+#include "refusal_sweep/run.h"
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
-#include <functional>
 #include <random>
-#include <string>
-#include <thread>
-
-#include <windows.h>
 
 namespace
 {

@@ -1,21 +1,13 @@
 // The attach and detach of the library: of the objects inside this program, which has an entry
 // point of the library that nobody calls but these tests, and of the shipped DLL.
-#include "thr/thr.h"
-#include "thr/thr_dll_directory.h"
+#include "support/test.h"
 
-#include "support/gates.h"
-#include "support/handles.h"
-#include "support/recorders.h"
+#include "thr/thr_dll_directory.h"
 
 #include <array>
 #include <cstdlib>
-#include <map>
-#include <string>
-
-#include <gtest/gtest.h>
 
 #include <malloc.h>
-#include <windows.h>
 
 using namespace support;
 

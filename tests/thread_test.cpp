@@ -1,15 +1,4 @@
-#include "thr/thr.h"
-
-#include "support/child.h"
-#include "support/gates.h"
-#include "support/recorders.h"
-
-#include <atomic>
-#include <string>
-#include <thread>
-#include <vector>
-
-#include <gtest/gtest.h>
+#include "support/test.h"
 
 using namespace support;
 

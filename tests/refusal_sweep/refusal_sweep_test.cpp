@@ -3,28 +3,16 @@
 // reason not to, nothing is left over, and the scenario passes again. And the process ends before
 // and after each call that others may see: then the next process, in the same folder, passes the
 // scenario. The runs are made in child processes, since a run may end its process.
+#include "support/test.h"
+
 #include "run.h"
 
-#include "support/child.h"
-#include "support/handles.h"
-#include "support/scratch_dir.h"
-#include "support/watchdog.h"
-
-#include "thr/thr.h"
-
-#include <atomic>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <regex>
 #include <set>
-#include <sstream>
-#include <thread>
 
 #include <io.h>
-
-#include <gtest/gtest.h>
 
 namespace
 {
@@ -226,7 +214,7 @@ ROLE(sweep)
 {
     install_gates();
     watch_operations();
-    support::ImportPatch patience(
+    support::Gate patience(
         "Sleep", +[](DWORD) { SwitchToThread(); });
     _dup2(1, 2);
     scenario = &scenarios[std::stoi(args[0])];

@@ -1,12 +1,11 @@
 // The scenarios use the library as a host does that looks at each result, and keep to plain Win32
 // calls, which nobody refuses, where they wait for each other.
+#include "support/test.h"
+
 #include "run.h"
-#include "support/child.h"
-#include "thr/thr_classes.h"
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <new>
 
 namespace

@@ -1,72 +1,17 @@
-#include "support/child.h"
+#include "support/test.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <iostream>
-#include <map>
-#include <mutex>
 #include <stdexcept>
 
 namespace support
 {
 
-namespace
-{
-
-const UINT KILLED_EXIT_CODE = 197;
-
-std::map<std::string, RoleFunc> &roles()
+static std::map<std::string, RoleFunc> &roles()
 {
     static std::map<std::string, RoleFunc> registered;
     return registered;
 }
-
-// Quotes an argument the way the C runtime reads it: backslashes count only before a quote.
-std::string quoted(const std::string &arg)
-{
-    std::string text = "\"";
-    size_t backslashes = 0;
-    for (char c : arg) {
-        if (c == '"')
-            text.append(backslashes + 1, '\\');
-        backslashes = c == '\\' ? backslashes + 1 : 0;
-        text += c;
-    }
-    return text.append(backslashes, '\\') + '"';
-}
-
-// A pipe of which the child's end alone is inheritable.
-void make_pipe(HANDLE &read_end, HANDLE &write_end, HANDLE &childs_end)
-{
-    if (!CreatePipe(&read_end, &write_end, nullptr, 0) ||
-        !SetHandleInformation(childs_end, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT))
-        throw std::runtime_error("no pipe for a child process");
-}
-
-HANDLE inheritable_stderr()
-{
-    HANDLE process = GetCurrentProcess();
-    HANDLE copy = nullptr;
-    DuplicateHandle(process, GetStdHandle(STD_ERROR_HANDLE), process, &copy, 0, TRUE,
-                    DUPLICATE_SAME_ACCESS);
-    return copy;
-}
-
-// Under load the start of a process is refused now and then.
-PROCESS_INFORMATION start(const std::string &command, STARTUPINFOA &startup)
-{
-    PROCESS_INFORMATION process = {};
-    for (int tries = 0; tries < 5; ++tries) {
-        std::string line = command; // the call may write into it
-        if (CreateProcessA(nullptr, line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
-                           &startup, &process))
-            return process;
-        Sleep(200);
-    }
-    throw std::runtime_error("can't start " + command);
-}
-
-} // namespace
 
 RoleRegistration::RoleRegistration(const char *name, RoleFunc func)
 {
@@ -87,31 +32,32 @@ void say(const std::string &line)
 std::optional<std::string> hear()
 {
     std::string line;
-    if (!std::getline(std::cin, line))
-        return std::nullopt;
-    return line;
-}
-
-std::string own_program()
-{
-    return _pgmptr;
+    return std::getline(std::cin, line) ? std::optional(line) : std::nullopt;
 }
 
 std::string fixture(const std::string &name)
 {
-    return own_program().substr(0, own_program().rfind('\\')) + "\\fixtures\\" + name;
+    const std::string program = _pgmptr;
+    return program.substr(0, program.rfind('\\')) + "\\fixtures\\" + name;
 }
 
-std::string role_command(const std::string &role, const RoleArgs &args, const std::string &program)
+std::string role_command(const std::string &role, const RoleArgs &args)
 {
-    std::string command = quoted(program) + " --role " + quoted(role);
+    std::string command = "\"" + std::string(_pgmptr) + "\" --role " + role;
     for (const std::string &arg : args)
-        command += " " + quoted(arg);
+        command += " \"" + arg + "\"";
     return command;
 }
 
-Child::Child(const std::string &role, const RoleArgs &args, const std::string &program)
-    : m_process(), m_stdin(nullptr), m_stdout(nullptr)
+// A pipe of which the child's end alone is inheritable.
+static void make_pipe(HANDLE &read_end, HANDLE &write_end, HANDLE &childs_end)
+{
+    if (!CreatePipe(&read_end, &write_end, nullptr, 0) ||
+        !SetHandleInformation(childs_end, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT))
+        throw std::runtime_error("no pipe for a child process");
+}
+
+Child::Child(const std::string &role, const RoleArgs &args) : m_process()
 {
     // One start at a time: no child inherits the ends meant for another one.
     static std::mutex starting;
@@ -121,10 +67,19 @@ Child::Child(const std::string &role, const RoleArgs &args, const std::string &p
     startup.dwFlags = STARTF_USESTDHANDLES;
     make_pipe(startup.hStdInput, m_stdin, startup.hStdInput);
     make_pipe(m_stdout, startup.hStdOutput, startup.hStdOutput);
-    startup.hStdError = inheritable_stderr();
-    m_process = start(role_command(role, args, program), startup);
+    DuplicateHandle(GetCurrentProcess(), GetStdHandle(STD_ERROR_HANDLE), GetCurrentProcess(),
+                    &startup.hStdError, 0, TRUE, DUPLICATE_SAME_ACCESS);
+    std::string command = role_command(role, args);
+    // Under load the start of a process is refused now and then.
+    for (int tries = 0; !m_process.hProcess && tries < 5; ++tries) {
+        Sleep(tries * 200);
+        CreateProcessA(nullptr, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
+                       &startup, &m_process);
+    }
     for (HANDLE handle : {startup.hStdInput, startup.hStdOutput, startup.hStdError})
         CloseHandle(handle);
+    if (!m_process.hProcess)
+        throw std::runtime_error("can't start " + command);
 }
 
 Child::~Child()
@@ -132,25 +87,24 @@ Child::~Child()
     close_stdin();
     if (!wait(100))
         kill();
-    for (HANDLE handle : {m_stdin, m_stdout, m_process.hThread, m_process.hProcess})
+    for (HANDLE handle : {m_stdout, m_process.hThread, m_process.hProcess})
         CloseHandle(handle);
 }
 
-std::optional<std::string> Child::read_line(DWORD timeout_ms)
+std::optional<std::string> Child::read_line()
 {
-    const ULONGLONG deadline = GetTickCount64() + timeout_ms;
-    size_t end;
-    while ((end = m_unread.find('\n')) == std::string::npos) {
+    size_t end = 0;
+    auto has_line = [&] {
         char bytes[4096];
         DWORD count = 0;
-        if (!PeekNamedPipe(m_stdout, nullptr, 0, nullptr, &count, nullptr) ||
-            (count == 0 && GetTickCount64() >= deadline))
-            return std::nullopt; // or the child closed its end
-        if (count == 0)
-            Sleep(1);
-        else if (ReadFile(m_stdout, bytes, sizeof bytes, &count, nullptr))
+        const bool is_open = PeekNamedPipe(m_stdout, nullptr, 0, nullptr, &count, nullptr);
+        if (count > 0 && ReadFile(m_stdout, bytes, sizeof bytes, &count, nullptr))
             m_unread.append(bytes, count);
-    }
+        end = m_unread.find('\n');
+        return !is_open || end != std::string::npos;
+    };
+    if (!eventually(has_line) || end == std::string::npos)
+        return std::nullopt;
     std::string line = m_unread.substr(0, end);
     m_unread.erase(0, end + 1);
     if (!line.empty() && line.back() == '\r')
@@ -158,23 +112,21 @@ std::optional<std::string> Child::read_line(DWORD timeout_ms)
     return line;
 }
 
-bool Child::write_line(const std::string &line)
+void Child::write_line(const std::string &line)
 {
-    std::string bytes = line + "\n";
     DWORD written = 0;
-    return WriteFile(m_stdin, bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) &&
-           written == bytes.size();
+    WriteFile(m_stdin, (line + "\n").data(), static_cast<DWORD>(line.size() + 1), &written,
+              nullptr);
 }
 
 void Child::close_stdin()
 {
-    CloseHandle(m_stdin);
-    m_stdin = nullptr;
+    CloseHandle(std::exchange(m_stdin, nullptr));
 }
 
 void Child::kill()
 {
-    TerminateProcess(m_process.hProcess, KILLED_EXIT_CODE);
+    TerminateProcess(m_process.hProcess, 197);
     WaitForSingleObject(m_process.hProcess, PATIENCE_MS);
 }
 

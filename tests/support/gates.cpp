@@ -23,15 +23,6 @@ const IMAGE_DATA_DIRECTORY &directory_of(HMODULE module, int number)
     return at<IMAGE_NT_HEADERS64>(module, dos->e_lfanew)->OptionalHeader.DataDirectory[number];
 }
 
-void write_slot(void **slot, void *value)
-{
-    DWORD protection = 0;
-    if (!VirtualProtect(slot, sizeof *slot, PAGE_READWRITE, &protection))
-        throw std::runtime_error("the import table can't be made writable");
-    *slot = value;
-    VirtualProtect(slot, sizeof *slot, protection, &protection);
-}
-
 // Calls `use` with the DLL, the function and the slot of each import. It allocates nothing: there
 // are many, and an allocation may cost.
 template <class Use> void for_each_import(HMODULE module, Use use)
@@ -101,24 +92,13 @@ std::string plain_name(const std::string &import)
     return plain_name_of(import.c_str());
 }
 
-// --- patches ------------------------------------------------------------------------------------
-
-ImportPatch::ImportPatch(HMODULE module, const char *function, void *replacement)
-    : m_slot(nullptr), m_original(nullptr)
+void set_slot(void **slot, const void *target)
 {
-    for_each_import(module, [&](const char *, const char *import, void **slot) {
-        if (strcmp(import, function) == 0)
-            m_slot = slot;
-    });
-    if (!m_slot)
-        throw std::runtime_error(std::string("the module does not import ") + function);
-    m_original = *m_slot;
-    write_slot(m_slot, replacement);
-}
-
-ImportPatch::~ImportPatch()
-{
-    write_slot(m_slot, m_original);
+    DWORD protection = 0;
+    if (!VirtualProtect(slot, sizeof *slot, PAGE_READWRITE, &protection))
+        throw std::runtime_error("the import table can't be made writable");
+    *slot = const_cast<void *>(target);
+    VirtualProtect(slot, sizeof *slot, protection, &protection);
 }
 
 // --- gates --------------------------------------------------------------------------------------
@@ -197,7 +177,7 @@ Gate::Gate(const std::string &name, Way way, HMODULE module) : m_way(std::move(w
     for (Entry &entry : m_entries)
         thunks.push_back(make_thunk(&entry, reinterpret_cast<void *>(&pass)));
     for (size_t i = 0; i < thunks.size(); ++i) // no allocation from the first one on
-        write_slot(m_entries[i].slot, thunks[i]);
+        set_slot(m_entries[i].slot, thunks[i]);
 }
 
 Gate::Gate(const Refusal &refusal, HMODULE module)
@@ -216,7 +196,7 @@ Gate::Gate(const Refusal &refusal, HMODULE module)
 Gate::~Gate()
 {
     for (Entry &entry : m_entries)
-        write_slot(entry.slot, entry.original);
+        set_slot(entry.slot, entry.original);
 }
 
 } // namespace support

@@ -24,6 +24,9 @@ struct Import {
     void **slot;
 };
 
+// Lets an entry of an import table lead somewhere else, for every thread.
+void set_slot(void **slot, const void *target);
+
 // Every import of a loaded module, in the order of its import directory.
 std::vector<Import> imports_of(HMODULE module);
 
@@ -34,37 +37,6 @@ std::vector<std::string> exports_of(HMODULE module);
 // choose among. "malloc" is whatever takes a block of the C heap, "operator new" whatever of the
 // C++ runtime throws where memory is refused.
 std::string plain_name(const std::string &import);
-
-// Replaces the import `function` of `module` until it goes out of scope. It works on every thread,
-// so patch before the module is busy. A test program's own calls are not touched when thr.dll is
-// patched; an internal test patches its own executable, GetModuleHandleA(nullptr), and then its own
-// calls are redirected too. Patches of one import nest. Throws when the module has no such import.
-//
-//     ImportPatch patch("CreateEventA", &refused_create_event);
-//     patch.original<decltype(&CreateEventA)>()(...);
-class ImportPatch
-{
-public:
-    template <class Function>
-    ImportPatch(const char *function, Function *replacement, HMODULE module = thr_module())
-        : ImportPatch(module, function, reinterpret_cast<void *>(replacement))
-    {
-    }
-    ~ImportPatch();
-    ImportPatch(const ImportPatch &) = delete;
-    ImportPatch &operator=(const ImportPatch &) = delete;
-
-    template <class Function> Function original() const
-    {
-        return reinterpret_cast<Function>(m_original);
-    }
-
-private:
-    ImportPatch(HMODULE module, const char *function, void *replacement);
-
-    void **m_slot;
-    void *m_original;
-};
 
 // A call that stands at a gate. `args` are the first 12 of its arguments, those that it has.
 struct Call {
@@ -87,14 +59,18 @@ struct Refusal {
     DWORD error; // the last error then
 };
 
-// A gate in front of all imports of a plain name, as an ImportPatch stands and nests:
+// A gate in front of all imports of `module` of a plain name until it goes out of scope. It stands
+// for every thread; no thread may be in a call when it goes. A test program's own calls do not pass
+// when it is thr.dll's; an internal test takes its own executable, GetModuleHandleA(nullptr), and
+// then its own calls do. Gates of one import nest. Throws when the module has no such import.
 //
 //     Gate pauses("Sleep");                                                   // counts
 //     Gate poll("Sleep", [](const Call &call) { return polled(call.arg<DWORD>(0)); });
+//     Gate ours("Sleep", &function);                                          // leads there
 //     Gate refused(Refusal{"malloc", 2, 0, ERROR_NOT_ENOUGH_MEMORY});         // counts, too
 //
 // The function does nothing to the last error that it does not mean, and throws only where the
-// import may. No thread may be in a call when the gate goes.
+// import may.
 class Gate
 {
 public:
@@ -102,6 +78,14 @@ public:
 
     explicit Gate(const std::string &name, Way way = &Call::go_on, HMODULE module = thr_module());
     explicit Gate(const Refusal &refusal, HMODULE module = thr_module());
+    template <class R, class... Args>
+    Gate(const std::string &name, R (*target)(Args...)) : Gate(name)
+    {
+        if constexpr (std::is_invocable_v<decltype(target), const Call &>)
+            m_way = target;
+        else
+            lead_to(target);
+    }
     ~Gate();
     Gate(const Gate &) = delete;
     Gate &operator=(const Gate &) = delete;
@@ -129,14 +113,6 @@ private:
     Way m_way;
     std::vector<Entry> m_entries; // one for each import
     volatile LONG m_calls = 0;
-};
-
-// Refuses the `nth` allocation that the module makes from now on.
-struct RefusedMalloc : Gate {
-    explicit RefusedMalloc(LONG nth = 1, HMODULE module = thr_module())
-        : Gate(Refusal{"malloc", nth, 0, ERROR_NOT_ENOUGH_MEMORY}, module)
-    {
-    }
 };
 
 } // namespace support

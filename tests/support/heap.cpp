@@ -98,7 +98,7 @@ template <class F> void replace(const char *name, F *guarded)
         HMODULE module = GetModuleHandleA(file);
         for (const Import &import : module ? imports_of(module) : std::vector<Import>()) {
             if (import.function == name)
-                new ImportPatch(name, guarded, module);
+                set_slot(import.slot, reinterpret_cast<void *>(guarded));
         }
     }
 }

@@ -1,4 +1,4 @@
-#include "support/scene.h"
+#include "support/test.h"
 
 #include <chrono>
 #include <condition_variable>

@@ -1,0 +1,252 @@
+// What the test programs share: scenes of several processes and threads, the texts that are
+// expected, folders for files, and what the library has open.
+#ifndef THR_TESTS_TEST_H
+#define THR_TESTS_TEST_H
+
+#include "support/gates.h"
+
+#include "thr/thr_classes.h"
+
+#include <atomic>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+namespace support
+{
+
+// The longest that anything is waited for: far more than it ever needs.
+const DWORD PATIENCE_MS = 20000;
+
+// Whether it comes to be so, as long as the patience lasts.
+bool eventually(const std::function<bool()> &condition);
+
+// In a test that needs longer than its minute, for other reasons than its waits: the seconds it has
+// from now on.
+void allow_seconds(unsigned seconds);
+
+// --- processes in roles -------------------------------------------------------------------------
+
+// A test file registers roles, and a test starts this same program again in one of them:
+//
+//     ROLE(holds_lock)
+//     {
+//         take_lock(args[0]);
+//         support::say("locked");
+//         support::hear(); // until the parent says go on, or has gone
+//         return 0;
+//     }
+//
+//     support::Child child("holds_lock", {path});
+//     ASSERT_EQ(child.read_line(), "locked");
+//     child.write_line("go on");
+//     EXPECT_EQ(child.wait(), 0);
+using RoleArgs = std::vector<std::string>;
+using RoleFunc = int (*)(const RoleArgs &args);
+
+struct RoleRegistration {
+    RoleRegistration(const char *name, RoleFunc func);
+};
+
+// Defines and registers a role: the body gets `args` and returns the process's exit code.
+#define ROLE(name)                                                                                 \
+    static int role_##name(const ::support::RoleArgs &args);                                       \
+    static const ::support::RoleRegistration registered_role_##name(#name, &role_##name);          \
+    static int role_##name([[maybe_unused]] const ::support::RoleArgs &args)
+
+// In a role: writes a line to standard output at once.
+void say(const std::string &line);
+
+// In a role: reads a line from standard input; nothing at its end.
+std::optional<std::string> hear();
+
+// The path of a file in the folder `fixtures` beside this program: what tests load, start and read.
+std::string fixture(const std::string &name);
+
+// The command line that starts this test program in a role. No word ends with a backslash.
+std::string role_command(const std::string &role, const RoleArgs &args = {});
+
+// A process in a role, started with plain Win32 calls. It inherits every inheritable handle of this
+// process, and its standard error.
+class Child
+{
+public:
+    // Throws when the process can't be started, after a few tries.
+    explicit Child(const std::string &role, const RoleArgs &args = {});
+    // Lets the process end by itself at the end of its input; ends one that does not at once.
+    ~Child();
+    Child(const Child &) = delete;
+    Child &operator=(const Child &) = delete;
+
+    // The next line of the child's standard output, without its line break. Nothing when the child
+    // closed it or took too long.
+    std::optional<std::string> read_line();
+
+    // Writes a line to the child's standard input, unless the child has gone.
+    void write_line(const std::string &line);
+
+    // The child reads the end of its standard input.
+    void close_stdin();
+
+    // Ends the process the hard way, and waits until it has ended.
+    void kill();
+
+    // The exit code; nothing when the child still runs after that time.
+    std::optional<int> wait(DWORD timeout_ms = PATIENCE_MS);
+
+    DWORD pid() const { return m_process.dwProcessId; }
+
+private:
+    PROCESS_INFORMATION m_process;
+    HANDLE m_stdin;
+    HANDLE m_stdout;
+    std::string m_unread;
+};
+
+// For main(): runs the role of that name.
+int run_role(const std::string &name, const RoleArgs &args);
+
+// --- scenes of several processes or threads -----------------------------------------------------
+
+// What an order gave: a number, or a text.
+struct Answer : std::string {
+    Answer(int number) : std::string(std::to_string(number)) {}
+    Answer(const std::string &text) : std::string(text) {}
+};
+
+// What can be ordered. An order may take words that follow it.
+using Orders = std::map<std::string, std::function<Answer(std::istream &words)>>;
+
+// Obeys the orders of a line one after the other, and returns their answers.
+std::string obey(const Orders &orders, const std::string &line);
+
+// Obeys a line of orders at a time, and may say in between that it waits.
+struct Actor {
+    std::function<void(const std::string &line)> tell;
+    std::function<std::string()> answer;
+};
+
+// A process in a role. The order "kill" ends it; one that has ended answers "ended STATUS".
+Actor new_process(const std::string &role, const RoleArgs &args = {});
+
+// A thread, which is there until the process ends: one that waits for good holds up nobody.
+Actor new_thread(const Orders &orders);
+
+// Says a line as such a thread, and as no other one.
+void say_as_thread(const std::string &line);
+
+class Scene
+{
+public:
+    explicit Scene(std::function<Actor(const std::string &who)> new_actor) : m_new(new_actor) {}
+
+    // Plays steps, "WHO ORDERS = ANSWERS;", one after the other. Without orders it is the next
+    // answer to those before; without "=" the answers come later. Throws at another answer.
+    void play(const std::string &steps);
+
+private:
+    std::function<Actor(const std::string &who)> m_new;
+    std::map<std::string, Actor> m_actors;
+};
+
+// --- texts --------------------------------------------------------------------------------------
+
+// What the system says to an error code, without its line break.
+std::string system_words(DWORD code);
+
+// The regular expression of a text that is meant literally.
+std::string literal_regex(const std::string &text);
+
+// Expects `statement` to end the process with the internal error `message` of thr/`file`.cpp,
+// printed without a hook.
+#define EXPECT_INTERNAL_ERROR(statement, message, file)                                            \
+    EXPECT_EXIT(statement, ::testing::ExitedWithCode(-1),                                          \
+                "^Internal Error: Sub-system: THR, File: thr/" file "\\.cpp, Line: \\d+\n" +       \
+                    ::support::literal_regex(message) + "\n$")
+
+// Keeps the reports of OS failures and the debug messages of all threads, from its construction to
+// its destruction; one at a time. It is inline, so that a program with the library's objects inside
+// records those.
+class Recorder
+{
+public:
+    Recorder()
+    {
+        thr_set_report_func([](const char *message, auto...) { add(message); });
+        thr_set_debug_func(
+            [](const char *, const char *format, va_list args) {
+                char text[65536];
+                vsnprintf(text, sizeof text, format, args);
+                add(text);
+            },
+            0);
+    }
+    ~Recorder()
+    {
+        thr_set_report_func(nullptr);
+        thr_set_debug_func(nullptr, 0);
+        take();
+    }
+
+    // Returns the texts and forgets them.
+    static std::vector<std::string> take()
+    {
+        std::lock_guard<std::mutex> lock(s_mutex);
+        return std::exchange(s_texts, {});
+    }
+
+private:
+    static void add(std::string text)
+    {
+        std::lock_guard<std::mutex> lock(s_mutex);
+        s_texts.push_back(std::move(text));
+    }
+
+    inline static std::mutex s_mutex;
+    inline static std::vector<std::string> s_texts;
+};
+
+// --- files and handles --------------------------------------------------------------------------
+
+// A new empty folder below the system's folder for temporary files, removed with all its content
+// at the end of the scope. What can't be removed then, after some tries, fails the test: something
+// still holds it open.
+class ScratchDir
+{
+public:
+    ScratchDir();
+    ~ScratchDir();
+    ScratchDir(const ScratchDir &) = delete;
+    ScratchDir &operator=(const ScratchDir &) = delete;
+
+    // Absolute, backslashes, none at the end; plain ASCII when the system's folder is.
+    const std::string &path() const { return m_path; }
+    const std::wstring &wide_path() const { return m_wide_path; }
+    std::string file(const std::string &name) const { return m_path + "\\" + name; }
+    std::wstring file(const std::wstring &name) const { return m_wide_path + L"\\" + name; }
+
+private:
+    std::string m_path;
+    std::wstring m_wide_path;
+};
+
+// The number of live handles of this process, found by asking for each of the first `bound` handle
+// values (4, 8, 12, ...), since not every system here counts them itself. Handle values are given
+// out from the lowest up. Some 10 microseconds a value: count before and after a series, not
+// around each call, and let the code run once before, for what it opens on first use.
+size_t live_handle_count(size_t bound = 512);
+
+} // namespace support
+
+#endif
