@@ -1,6 +1,5 @@
 #include "support/gates.h"
 
-#include <cstdint>
 #include <cstring>
 #include <stdexcept>
 #include <string_view>
@@ -103,54 +102,6 @@ void set_slot(void **slot, const void *target)
 
 // --- gates --------------------------------------------------------------------------------------
 
-namespace
-{
-
-// The code that a gate puts into an import table, for a function of any arguments: it stores those
-// that are in registers at the place that the caller keeps for them, below those on the stack, and
-// asks `pass` for the answer. Its unwind information lets exceptions through.
-const size_t THUNK_SIZE = 64;
-const size_t THUNKS = 1023;
-
-uint8_t *new_thunk_place()
-{
-    static RUNTIME_FUNCTION functions[THUNKS];
-    static uint8_t *room = nullptr; // the unwind information, then the thunks; never given back
-    static volatile LONG used = 0;
-    if (!room) {
-        room = static_cast<uint8_t *>(VirtualAlloc(
-            nullptr, (THUNKS + 1) * THUNK_SIZE, MEM_COMMIT | MEM_RESERVE, PAGE_EXECUTE_READWRITE));
-        const uint8_t unwind[] = {1, 4, 1, 0, 4, 0x42, 0, 0}; // one step, of 40 bytes
-        memcpy(room, unwind, sizeof unwind);
-        for (DWORD i = 0; i < THUNKS; ++i)
-            functions[i].BeginAddress = (i + 1) * THUNK_SIZE,
-            functions[i].EndAddress = (i + 2) * THUNK_SIZE;
-        RtlAddFunctionTable(functions, THUNKS, reinterpret_cast<DWORD64>(room));
-    }
-    LONG number = InterlockedIncrement(&used);
-    if (number > LONG(THUNKS))
-        throw std::runtime_error("too many gates");
-    return room + number * THUNK_SIZE;
-}
-
-void *make_thunk(const void *entry, const void *pass)
-{
-    uint8_t code[] = {0x48, 0x83, 0xec, 0x28,                           // sub rsp, 40
-                      0x48, 0x89, 0x4c, 0x24, 0x30,                     // mov [rsp + 48], rcx
-                      0x48, 0x89, 0x54, 0x24, 0x38,                     // mov [rsp + 56], rdx
-                      0x4c, 0x89, 0x44, 0x24, 0x40,                     // mov [rsp + 64], r8
-                      0x4c, 0x89, 0x4c, 0x24, 0x48,                     // mov [rsp + 72], r9
-                      0x48, 0xb9, 0,    0,    0,    0,    0,   0, 0, 0, // mov rcx, entry
-                      0x48, 0x8d, 0x54, 0x24, 0x30,                     // lea rdx, [rsp + 48]
-                      0x48, 0xb8, 0,    0,    0,    0,    0,   0, 0, 0, // mov rax, pass
-                      0xff, 0xd0, 0x48, 0x83, 0xc4, 0x28, 0xc3}; // call rax; add rsp, 40; ret
-    memcpy(code + 26, &entry, sizeof entry);
-    memcpy(code + 41, &pass, sizeof pass);
-    return memcpy(new_thunk_place(), code, sizeof code);
-}
-
-} // namespace
-
 intptr_t Call::go_on() const
 {
     using I = intptr_t;
@@ -159,10 +110,28 @@ intptr_t Call::go_on() const
         args[10], args[11]);
 }
 
-intptr_t Gate::pass(Entry *entry, const intptr_t *args)
+// What gates put into import tables: functions that stand for any with up to 12 arguments, each of
+// them for one entry. The arguments that the caller does not give are whatever is on its stack.
+template <size_t N> struct Gate::Thunk {
+    using I = intptr_t;
+    static I call(I a, I b, I c, I d, I e, I f, I g, I h, I i, I j, I k, I l)
+    {
+        const I args[] = {a, b, c, d, e, f, g, h, i, j, k, l};
+        const Entry &entry = *s_entries[N];
+        return entry.gate->m_way({InterlockedIncrement(&entry.gate->m_calls), args, entry.target,
+                                  __builtin_return_address(0)});
+    }
+};
+
+template <size_t... N> const void *Gate::new_thunk(const Entry *entry, std::index_sequence<N...>)
 {
-    return entry->gate->m_way({InterlockedIncrement(&entry->gate->m_calls), args, entry->target,
-                               reinterpret_cast<const void *>(args[-1])});
+    static const void *const thunks[] = {reinterpret_cast<void *>(&Thunk<N>::call)...};
+    static volatile LONG used = 0; // none is given back
+    const LONG number = InterlockedIncrement(&used) - 1;
+    if (number >= THUNKS)
+        throw std::runtime_error("too many gates");
+    s_entries[number] = entry;
+    return thunks[number];
 }
 
 Gate::Gate(const std::string &name, Way way, HMODULE module) : m_way(std::move(way))
@@ -173,9 +142,9 @@ Gate::Gate(const std::string &name, Way way, HMODULE module) : m_way(std::move(w
     });
     if (m_entries.empty())
         throw std::runtime_error("the module does not import " + name);
-    std::vector<void *> thunks;
-    for (Entry &entry : m_entries)
-        thunks.push_back(make_thunk(&entry, reinterpret_cast<void *>(&pass)));
+    std::vector<const void *> thunks;
+    for (const Entry &entry : m_entries)
+        thunks.push_back(new_thunk(&entry, std::make_index_sequence<THUNKS>()));
     for (size_t i = 0; i < thunks.size(); ++i) // no allocation from the first one on
         set_slot(m_entries[i].slot, thunks[i]);
 }

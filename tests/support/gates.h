@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <windows.h>
@@ -108,7 +109,11 @@ private:
         void *original;
         void *target;
     };
-    static intptr_t pass(Entry *entry, const intptr_t *args);
+    enum { THUNKS = 1000 };
+    template <size_t N> struct Thunk;
+    template <size_t... N>
+    static const void *new_thunk(const Entry *entry, std::index_sequence<N...>);
+    inline static const Entry *s_entries[THUNKS];
 
     Way m_way;
     std::vector<Entry> m_entries; // one for each import
