@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Usage: scripts/check.sh
 #
-# Checks the sources: format, length of lines, a second compiler with warnings as errors, cppcheck,
-# clang-tidy, and the tests with undefined behaviour trapping. Stops at the first step that fails.
+# Checks the sources: format, length of lines, the share that tests have of them, a second compiler
+# with warnings as errors, cppcheck, clang-tidy, and the tests with undefined behaviour trapping.
+# Stops at the first step that fails.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 take_no_arguments "$@"
@@ -39,6 +40,22 @@ check_format() { code_files | xargs -r -d '\n' clang-format --dry-run --Werror; 
 # Of comments and texts too, which the formatter leaves as they are.
 check_line_length() { ! code_files | xargs -r -d '\n' grep -HnE '^.{101,}'; }
 
+# Blank and comment lines are none of code.
+lines_of_code() { xargs -r -d '\n' cat | grep -cvE '^[[:space:]]*(//.*)?$'; }
+
+# Tests take work from whoever changes the library: a new one is worth its lines, or takes the place
+# of others.
+check_share_of_tests()
+{
+    local most=30 tests all
+    tests=$(sources_of tests | lines_of_code)
+    all=$(code_files | lines_of_code)
+    [ $((100 * tests)) -le $((most * all)) ] || {
+        echo "tests/ has $tests of $all lines of code: more than $most%" >&2
+        return 1
+    }
+}
+
 check_cppcheck()
 {
     mkdir -p build/cppcheck
@@ -59,6 +76,7 @@ check_tidy()
 cd "$root"
 step clang-format check_format
 step "length of lines" check_line_length
+step "share of tests" check_share_of_tests
 step "first compiler (preset windows)" build_preset windows
 step "second compiler (preset windows-gcc)" build_preset windows-gcc
 step cppcheck check_cppcheck
