@@ -61,9 +61,7 @@ const char *plain_name_of(const char *import)
 HMODULE thr_module()
 {
     HMODULE module = GetModuleHandleA("thr.dll");
-    if (!module)
-        throw std::runtime_error("thr.dll is not loaded");
-    return module;
+    return module ? module : GetModuleHandleA(nullptr);
 }
 
 std::vector<std::string> exports_of(HMODULE module)

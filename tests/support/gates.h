@@ -14,7 +14,7 @@
 namespace support
 {
 
-// The loaded thr.dll; throws when the program has none.
+// The module that has the library: the loaded thr.dll, or this program in an internal test.
 HMODULE thr_module();
 
 // One import; the function is "#" where it is imported by ordinal. `slot` is the entry of the
@@ -62,8 +62,7 @@ struct Refusal {
 
 // A gate in front of all imports of `module` of a plain name until it goes out of scope. It stands
 // for every thread; no thread may be in a call when it goes. A test program's own calls do not pass
-// when it is thr.dll's; an internal test takes its own executable, GetModuleHandleA(nullptr), and
-// then its own calls do. Gates of one import nest. Throws when the module has no such import.
+// when it is thr.dll's, but in an internal test they do. Gates of one import nest. Throws when the module has no such import.
 //
 //     Gate pauses("Sleep");                                                   // counts
 //     Gate poll("Sleep", [](const Call &call) { return polled(call.arg<DWORD>(0)); });
