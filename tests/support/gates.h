@@ -61,8 +61,8 @@ struct Refusal {
 };
 
 // A gate in front of all imports of `module` of a plain name until it goes out of scope. It stands
-// for every thread; no thread may be in a call when it goes. A test program's own calls do not pass
-// when it is thr.dll's, but in an internal test they do. Gates of one import nest. Throws when the module has no such import.
+// for every thread; no thread may be in a call when it goes. A program's own calls do not pass it,
+// but in an internal test they do. Gates of one import nest. Throws when there is no such import.
 //
 //     Gate pauses("Sleep");                                                   // counts
 //     Gate poll("Sleep", [](const Call &call) { return polled(call.arg<DWORD>(0)); });
