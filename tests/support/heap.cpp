@@ -48,10 +48,7 @@ Pages *pages_of(void *block)
 }
 
 // What the runtimes have their blocks in.
-HANDLE older_heap()
-{
-    return reinterpret_cast<HANDLE>(_get_heap_handle());
-}
+const HANDLE older_heap = reinterpret_cast<HANDLE>(_get_heap_handle());
 
 void *guarded_malloc(size_t size)
 {
@@ -73,22 +70,31 @@ void *guarded_calloc(size_t count, size_t size)
     return block ? memset(block, 0, count * size) : nullptr;
 }
 
+void guarded_free(void *block)
+{
+    Pages *pages = pages_of(block);
+    if (!pages)
+        return static_cast<void>(HeapFree(older_heap, 0, block));
+    auto is_filling = [](char byte) { return byte == FILLING; };
+    if (block != pages->block() ||
+        !std::all_of(pages->start() + sizeof *pages, pages->block(), is_filling) ||
+        !std::all_of(pages->block() + pages->size, pages->end(), is_filling)) {
+        fprintf(stderr, "a damaged block is freed, or what is none: %p\n", block);
+        abort();
+    }
+    VirtualFree(pages, pages->end() - pages->start(), MEM_DECOMMIT);
+}
+
 void *guarded_realloc(void *block, size_t size)
 {
     void *other = guarded_malloc(size);
     if (!block || !other)
         return other;
     Pages *pages = pages_of(block);
-    size_t old_size = pages ? pages->size : HeapSize(older_heap(), 0, block);
+    size_t old_size = pages ? pages->size : HeapSize(older_heap, 0, block);
     memcpy(other, block, std::min(size, old_size));
-    checked_free(block);
+    guarded_free(block);
     return other;
-}
-
-char *guarded_strdup(const char *text)
-{
-    void *copy = guarded_malloc(strlen(text) + 1);
-    return copy ? strcpy(static_cast<char *>(copy), text) : nullptr;
 }
 
 // Each module's import of this name leads there, for the life of the process.
@@ -105,31 +111,13 @@ template <class F> void replace(const char *name, F *guarded)
 
 } // namespace
 
-void checked_free(void *block)
-{
-    Pages *pages = pages_of(block);
-    if (!pages) {
-        HeapFree(older_heap(), 0, block);
-        return;
-    }
-    auto is_filling = [](char byte) { return byte == FILLING; };
-    if (block != pages->block() ||
-        !std::all_of(pages->start() + sizeof *pages, pages->block(), is_filling) ||
-        !std::all_of(pages->block() + pages->size, pages->end(), is_filling)) {
-        fprintf(stderr, "a damaged block is freed, or what is none: %p\n", block);
-        abort();
-    }
-    VirtualFree(pages, pages->end() - pages->start(), MEM_DECOMMIT);
-}
-
 void guard_heap()
 {
     arena = static_cast<char *>(VirtualAlloc(nullptr, ARENA, MEM_RESERVE, PAGE_NOACCESS));
-    replace("free", &checked_free); // before there is a block that only this one may free
+    replace("free", &guarded_free); // before there is a block that only this one may free
     replace("realloc", &guarded_realloc);
     replace("malloc", &guarded_malloc);
     replace("calloc", &guarded_calloc);
-    replace("_strdup", &guarded_strdup);
 }
 
 } // namespace support

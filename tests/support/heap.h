@@ -11,9 +11,6 @@ namespace support
 // they are, and may be freed.
 void guard_heap();
 
-// The free() of guarded blocks and of older ones.
-void checked_free(void *block);
-
 } // namespace support
 
 #endif
