@@ -137,14 +137,14 @@ public:
     std::wstring path(const wchar_t *name) { return m_directory + L"\\" + name; }
 
 private:
-    support::Actor new_actor(const std::string &who)
+    support::Child *new_actor(const std::string &who)
     {
         const std::wstring path = m_directory.substr(4) + L"\\";
         std::string plain(path.begin(), path.end());
         plain += who.size() == 1 ? "db" : who == "other" ? std::string(220, 'o') : who;
         std::string slashed = plain;
         slashed[plain.find("\\with")] = '/'; // behind it, backslashes do not split
-        return support::new_process("obeys", {who == "L" ? plain : slashed, plain});
+        return new support::Child("obeys", {who == "L" ? plain : slashed, plain});
     }
 
     std::wstring m_directory; // begins with the four characters of a long path

@@ -105,7 +105,7 @@ void play(const char *steps)
 {
     shared = new Shared;
     Gate waits("WaitForSingleObject", &wait), enters("EnterCriticalSection", &enter);
-    Scene([](const std::string &) { return new_thread(ORDERS); }).play(steps);
+    Scene([](const std::string &) { return new Child(ORDERS); }).play(steps);
 }
 
 TEST(Event, StaysPostedUntilItIsReset)
@@ -188,7 +188,7 @@ TEST(RwSem, KeepsItsInvariantsUnderLoad)
     Scene scene([&](const std::string &who) {
         const bool writes = who < "D";
         const unsigned own_seed = seed + who[0];
-        return new_thread(
+        return new Child(
             {{"use", [=](auto &) { return use_often(writes, own_seed); }}, {"watch", watch}});
     });
     scene.play("A use; B use; C use; D use; E use; F use; G use; H watch = 0; A = 0; B = 0; C = 0;"

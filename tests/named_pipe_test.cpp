@@ -49,7 +49,7 @@ ROLE(obeys)
 
 TEST(NamedPipe, CarriesMessagesBetweenProcesses)
 {
-    support::Scene scene([](const std::string &) { return support::new_process("obeys"); });
+    support::Scene scene([](const std::string &) { return new support::Child("obeys"); });
     scene.play("client open error = 0 2; server create = 1; server connect;"
                "client open_w error open = 0 5 1; server = 1;"
                "server connect error read error write 01234 = 1 535 -1 5 5;"

@@ -29,6 +29,34 @@ void say(const std::string &line)
     fflush(stdout);
 }
 
+static void put_line(HANDLE pipe, const std::string &line)
+{
+    DWORD written = 0;
+    WriteFile(pipe, (line + "\n").data(), static_cast<DWORD>(line.size() + 1), &written, nullptr);
+}
+
+// The line at the start of what was read of a pipe, as soon as there is a whole one.
+static std::optional<std::string> take_line(HANDLE pipe, std::string &unread)
+{
+    auto has_line = [&] {
+        char bytes[4096];
+        DWORD count = 0;
+        const bool is_open = PeekNamedPipe(pipe, nullptr, 0, nullptr, &count, nullptr);
+        if (count > 0 && ReadFile(pipe, bytes, sizeof bytes, &count, nullptr))
+            unread.append(bytes, count);
+        return !is_open || unread.find('\n') != unread.npos;
+    };
+    eventually(has_line);
+    const size_t end = unread.find('\n');
+    if (end == unread.npos)
+        return std::nullopt;
+    std::string line = unread.substr(0, end);
+    unread.erase(0, end + 1);
+    if (!line.empty() && line.back() == '\r')
+        line.pop_back();
+    return line;
+}
+
 std::optional<std::string> hear()
 {
     std::string line;
@@ -57,7 +85,7 @@ static void make_pipe(HANDLE &read_end, HANDLE &write_end, HANDLE &childs_end)
         throw std::runtime_error("no pipe for a child process");
 }
 
-Child::Child(const std::string &role, const RoleArgs &args) : m_process()
+Child::Child(const std::string &role, const RoleArgs &args)
 {
     // One start at a time: no child inherits the ends meant for another one.
     static std::mutex starting;
@@ -82,6 +110,27 @@ Child::Child(const std::string &role, const RoleArgs &args) : m_process()
         throw std::runtime_error("can't start " + command);
 }
 
+static thread_local HANDLE answers_of_thread;
+
+Child::Child(const Orders &orders)
+{
+    HANDLE heard, said;
+    CreatePipe(&heard, &m_stdin, nullptr, 0);
+    CreatePipe(&m_stdout, &said, nullptr, 0);
+    std::thread([=] {
+        answers_of_thread = said;
+        std::string unread;
+        while (auto line = take_line(heard, unread))
+            put_line(said, obey(orders, *line));
+    }).detach();
+}
+
+void say_as_thread(const std::string &line)
+{
+    if (answers_of_thread)
+        put_line(answers_of_thread, line);
+}
+
 Child::~Child()
 {
     close_stdin();
@@ -93,30 +142,12 @@ Child::~Child()
 
 std::optional<std::string> Child::read_line()
 {
-    size_t end = 0;
-    auto has_line = [&] {
-        char bytes[4096];
-        DWORD count = 0;
-        const bool is_open = PeekNamedPipe(m_stdout, nullptr, 0, nullptr, &count, nullptr);
-        if (count > 0 && ReadFile(m_stdout, bytes, sizeof bytes, &count, nullptr))
-            m_unread.append(bytes, count);
-        end = m_unread.find('\n');
-        return !is_open || end != std::string::npos;
-    };
-    if (!eventually(has_line) || end == std::string::npos)
-        return std::nullopt;
-    std::string line = m_unread.substr(0, end);
-    m_unread.erase(0, end + 1);
-    if (!line.empty() && line.back() == '\r')
-        line.pop_back();
-    return line;
+    return take_line(m_stdout, m_unread);
 }
 
 void Child::write_line(const std::string &line)
 {
-    DWORD written = 0;
-    WriteFile(m_stdin, (line + "\n").data(), static_cast<DWORD>(line.size() + 1), &written,
-              nullptr);
+    put_line(m_stdin, line);
 }
 
 void Child::close_stdin()
@@ -137,6 +168,39 @@ std::optional<int> Child::wait(DWORD timeout_ms)
         !GetExitCodeProcess(m_process.hProcess, &code))
         return std::nullopt;
     return static_cast<int>(code);
+}
+
+// --- scenes -------------------------------------------------------------------------------------
+
+std::string obey(const Orders &orders, const std::string &line)
+{
+    std::istringstream words(line);
+    std::string answers;
+    for (std::string order; words >> order;)
+        answers += (answers.empty() ? "" : " ") + orders.at(order)(words);
+    return answers;
+}
+
+void Scene::play(const std::string &steps)
+{
+    std::istringstream all(steps);
+    for (std::string step, who, orders; std::getline(all >> std::ws, step, ';');) {
+        const size_t equals = step.find(" = ");
+        const std::string expected = equals == step.npos ? "" : step.substr(equals + 3);
+        std::istringstream words(step.substr(0, equals));
+        words >> who >> std::ws;
+        std::unique_ptr<Child> &child = m_children[who];
+        if (!child)
+            child.reset(m_new(who));
+        if (std::getline(words, orders))
+            orders == "kill" ? child->kill() : child->write_line(orders);
+        if (expected.empty())
+            continue;
+        const std::string answer = child->read_line().value_or("ended");
+        const int status = answer == "ended" ? child->wait().value_or(STILL_ACTIVE) : 0;
+        if (answer + (answer == "ended" ? " " + std::to_string(status) : "") != expected)
+            throw std::runtime_error(step + ", not: " + answer + " " + std::to_string(status));
+    }
 }
 
 } // namespace support

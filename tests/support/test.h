@@ -77,43 +77,6 @@ std::string fixture(const std::string &name);
 // The command line that starts this test program in a role. No word ends with a backslash.
 std::string role_command(const std::string &role, const RoleArgs &args = {});
 
-// A process in a role, started with plain Win32 calls. It inherits every inheritable handle of this
-// process, and its standard error.
-class Child
-{
-public:
-    // Throws when the process can't be started, after a few tries.
-    explicit Child(const std::string &role, const RoleArgs &args = {});
-    // Lets the process end by itself at the end of its input; ends one that does not at once.
-    ~Child();
-    Child(const Child &) = delete;
-    Child &operator=(const Child &) = delete;
-
-    // The next line of the child's standard output, without its line break. Nothing when the child
-    // closed it or took too long.
-    std::optional<std::string> read_line();
-
-    // Writes a line to the child's standard input, unless the child has gone.
-    void write_line(const std::string &line);
-
-    // The child reads the end of its standard input.
-    void close_stdin();
-
-    // Ends the process the hard way, and waits until it has ended.
-    void kill();
-
-    // The exit code; nothing when the child still runs after that time.
-    std::optional<int> wait(DWORD timeout_ms = PATIENCE_MS);
-
-    DWORD pid() const { return m_process.dwProcessId; }
-
-private:
-    PROCESS_INFORMATION m_process;
-    HANDLE m_stdin;
-    HANDLE m_stdout;
-    std::string m_unread;
-};
-
 // For main(): runs the role of that name.
 int run_role(const std::string &name, const RoleArgs &args);
 
@@ -131,33 +94,65 @@ using Orders = std::map<std::string, std::function<Answer(std::istream &words)>>
 // Obeys the orders of a line one after the other, and returns their answers.
 std::string obey(const Orders &orders, const std::string &line);
 
-// Obeys a line of orders at a time, and may say in between that it waits.
-struct Actor {
-    std::function<void(const std::string &line)> tell;
-    std::function<std::string()> answer;
+// A process in a role, started with plain Win32 calls, or a thread: somebody who reads lines and says
+// lines. A process inherits every inheritable handle of this one, and its standard error.
+class Child
+{
+public:
+    // Throws when the process can't be started, after a few tries.
+    explicit Child(const std::string &role, const RoleArgs &args = {});
+
+    // A thread that obeys a line at a time. It is there until the process ends: one that waits for
+    // good holds up nobody.
+    explicit Child(const Orders &orders);
+
+    // Lets the process end by itself at the end of its input; ends one that does not at once.
+    ~Child();
+    Child(const Child &) = delete;
+    Child &operator=(const Child &) = delete;
+
+    // The next line that it said, without its line break. Nothing when it closed its output or took
+    // too long.
+    std::optional<std::string> read_line();
+
+    // Writes a line to its input, unless it has gone.
+    void write_line(const std::string &line);
+
+    // The child reads the end of its standard input.
+    void close_stdin();
+
+    // Ends the process the hard way, and waits until it has ended.
+    void kill();
+
+    // The exit code; nothing when the child still runs after that time.
+    std::optional<int> wait(DWORD timeout_ms = PATIENCE_MS);
+
+    DWORD pid() const { return m_process.dwProcessId; }
+
+private:
+    PROCESS_INFORMATION m_process = {};
+    HANDLE m_stdin;
+    HANDLE m_stdout;
+    std::string m_unread;
 };
 
-// A process in a role. The order "kill" ends it; one that has ended answers "ended STATUS".
-Actor new_process(const std::string &role, const RoleArgs &args = {});
-
-// A thread, which is there until the process ends: one that waits for good holds up nobody.
-Actor new_thread(const Orders &orders);
-
-// Says a line as such a thread, and as no other one.
+// Says a line as such a thread, and as nobody else.
 void say_as_thread(const std::string &line);
 
+// Processes and threads that obey. The order "kill" ends a process; one that has ended answers
+// "ended STATUS".
 class Scene
 {
 public:
-    explicit Scene(std::function<Actor(const std::string &who)> new_actor) : m_new(new_actor) {}
+    explicit Scene(std::function<Child *(const std::string &who)> new_child) : m_new(new_child) {}
 
     // Plays steps, "WHO ORDERS = ANSWERS;", one after the other. Without orders it is the next
     // answer to those before; without "=" the answers come later. Throws at another answer.
     void play(const std::string &steps);
 
 private:
-    std::function<Actor(const std::string &who)> m_new;
-    std::map<std::string, Actor> m_actors;
+    std::function<Child *(const std::string &who)> m_new;
+    std::map<std::string, std::unique_ptr<Child>> m_children;
 };
 
 // --- texts --------------------------------------------------------------------------------------
