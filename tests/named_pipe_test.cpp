@@ -3,6 +3,7 @@
 #include "support/test.h"
 
 #include <array>
+#include <list>
 #include <set>
 
 namespace
@@ -12,38 +13,36 @@ using support::Call;
 using support::Gate;
 using Pipe = THR_NAMED_PIPE;
 
-const std::pair<const char *, bool (Pipe::*)()> FUNCTIONS[] = {
-    {"create", &Pipe::create},       {"create_r", &Pipe::create_r}, {"connect", &Pipe::connect},
-    {"connect_r", &Pipe::connect_r}, {"open", &Pipe::open},         {"open_w", &Pipe::open_w},
-    {"close", &Pipe::close},         {"remove", &Pipe::remove}};
+std::unique_ptr<Pipe> pipe;
+char bytes[8];
 
-// Obeys with a pipe, which reads 5 bytes, peeks at 3, and writes the next word; "-" is no byte.
-std::string obey(Pipe &pipe, const std::string &line)
+std::string text(int count)
 {
-    auto text_of = [](int count, const char *text) {
-        return count < 0 ? "-1" : "'" + std::string(text, count) + "'";
-    };
-    char bytes[8];
-    support::Orders orders = {
-        {"read", [&](auto &) { return text_of(pipe.read(bytes, 5), bytes); }},
-        {"peek", [&](auto &) { return text_of(pipe.peek(bytes, 3), bytes); }},
-        {"write",
-         [&](auto &words) {
-             words >> bytes;
-             return pipe.write(bytes, *bytes == '-' ? 0 : strlen(bytes));
-         }},
-        {"error", [&](auto &) { return pipe.get_error(); }},
-        {"name", [&](auto &) { return std::string(pipe.get_name() ? pipe.get_name() : "-"); }}};
-    for (const auto &[name, function] : FUNCTIONS)
-        orders[name] = [&, f = function](auto &) { return (pipe.*f)(); };
-    return support::obey(orders, line);
+    return count < 0 ? "-1" : "'" + std::string(bytes, count) + "'";
 }
+
+const support::Orders ORDERS = {
+    {"create", [](auto &) { return pipe->create(); }},
+    {"create_r", [](auto &) { return pipe->create_r(); }},
+    {"connect", [](auto &) { return pipe->connect(); }},
+    {"connect_r", [](auto &) { return pipe->connect_r(); }},
+    {"open", [](auto &) { return pipe->open(); }},
+    {"open_w", [](auto &) { return pipe->open_w(); }},
+    {"close", [](auto &) { return pipe->close(); }},
+    {"remove", [](auto &) { return pipe->remove(); }},
+    {"error", [](auto &) { return pipe->get_error(); }},
+    {"name", [](auto &) { return std::string(pipe->get_name() ? pipe->get_name() : "-"); }},
+    {"read", [](auto &) { return text(pipe->read(bytes, 5)); }},
+    {"peek", [](auto &) { return text(pipe->peek(bytes, 3)); }},
+    {"write", [](auto &word) { // "-" is no byte
+         return pipe->write(bytes, word >> bytes && *bytes == '-' ? 0 : strlen(bytes));
+     }}};
 
 ROLE(obeys)
 {
-    Pipe pipe("pipe");
+    pipe = std::make_unique<Pipe>("pipe");
     while (auto line = support::hear())
-        support::say(obey(pipe, *line));
+        support::say(support::obey(ORDERS, *line));
     return 0;
 }
 
@@ -65,38 +64,39 @@ TEST(NamedPipe, CarriesMessagesBetweenProcesses)
 
 // --- call by call -------------------------------------------------------------------------------
 
-// The outcomes of the spied calls in turn: "+" for a result that is pretended, a code for a
-// refusal, else the system's. And those calls, with "!" for a pointer or handle that is none: each
-// as a letter with its first argument, and the manners in which they were made.
-std::istringstream outcomes;
+// The calls of a pipe, each as a letter with the pipe's name, or "!" for a handle that is none; and
+// the other arguments with which they were made.
+const struct Spied {
+    char letter;
+    const char *function;
+    int arguments;
+    intptr_t refused;
+} SPIED[] = {{'m', "CreateNamedPipeA", 8, -1}, {'o', "CreateFileA", 7, -1},
+             {'w', "WaitNamedPipeA", 2, 0},    {'c', "ConnectNamedPipe", 2, 0},
+             {'f', "FlushFileBuffers", 1, 0},  {'d', "DisconnectNamedPipe", 1, 0},
+             {'x', "CloseHandle", 1, 0}};
 std::string calls;
 std::set<std::string> manners;
 
-struct Argument {
-    static std::string shown(DWORD number) { return "," + std::to_string(number); }
-    static std::string shown(const void *p) { return p && p != INVALID_HANDLE_VALUE ? "" : "!"; }
-    static std::string shown(const char *path) { return strrchr(path, '\\') + 1; } // of a pipe
-};
+// Their outcomes in turn: "+" for a result that is pretended, a code for a refusal, else the
+// system's.
+std::istringstream outcomes;
 
-template <char LETTER, auto FUNCTION, class Result, class First, class... Rest>
-Gate spy(const char *name, Result (*)(First, Rest...))
+intptr_t spy(const Spied &spied, const Call &call)
 {
-    auto *call = +[](First first, Rest... rest) {
-        calls += LETTER + Argument::shown(first) + " ";
-        manners.insert((std::string(1, LETTER) + ... + Argument::shown(rest)));
-        std::string outcome = "-";
-        outcomes >> outcome;
-        if (outcome == "-")
-            return FUNCTION(first, rest...);
-        if (outcome == "+")
-            return Result(intptr_t(1));
-        SetLastError(std::stoi(outcome));
-        return Result(std::is_pointer_v<Result> ? -intptr_t(1) : 0);
-    };
-    return {name, call};
+    const char *path = strchr("mow", spied.letter) ? call.arg<char *>(0) : nullptr;
+    const char *none = call.args[0] && call.args[0] != -1 ? "" : "!";
+    calls += spied.letter + std::string(path ? strrchr(path, '\\') + 1 : none) + " ";
+    std::string manner(1, spied.letter), outcome = "-";
+    for (int i = 1; i < spied.arguments; i++)
+        manner += "," + std::to_string(call.arg<DWORD>(i));
+    manners.insert(manner);
+    outcomes >> outcome;
+    if (outcome == "-")
+        return call.go_on();
+    SetLastError(atoi(outcome.c_str()));
+    return outcome == "+" ? 1 : spied.refused;
 }
-
-#define SPY(letter, function) spy<letter, function>(#function, function)
 
 TEST(NamedPipe, AsksForWhatItNeedsAndForgetsReleasedHandles)
 {
@@ -104,10 +104,9 @@ TEST(NamedPipe, AsksForWhatItNeedsAndForgetsReleasedHandles)
     int blocks = 0; // of memory that the library has
     Gate take("malloc", [&](const Call &call) { return ++blocks, call.go_on(); });
     Gate give("free", [&](const Call &call) { return blocks -= !!call.args[0], call.go_on(); });
-    Gate patches[] = {SPY('m', CreateNamedPipeA), SPY('o', CreateFileA),
-                      SPY('w', WaitNamedPipeA),   SPY('c', ConnectNamedPipe),
-                      SPY('f', FlushFileBuffers), SPY('d', DisconnectNamedPipe),
-                      SPY('x', CloseHandle)};
+    std::list<Gate> gates;
+    for (const Spied &spied : SPIED)
+        gates.emplace_back(spied.function, [&](const Call &call) { return spy(spied, call); });
     const std::string longest(503, 'n');
     std::string all_refused, all_tried;
     for (int i = 0; i < 255; i++) {
@@ -134,16 +133,17 @@ TEST(NamedPipe, AsksForWhatItNeedsAndForgetsReleasedHandles)
         {"N", "5 +", "open_w", "0", "oN wN "},
         {"N", "231 + 0 + +", "open", "1", "oN wN oN wN oN "}};
     for (const auto &[name, script, orders, answers, expected] : cases) {
-        auto pipe = std::make_unique<Pipe>(name.c_str());
+        pipe = std::make_unique<Pipe>(name.c_str());
         outcomes = std::istringstream(script), calls = "";
-        EXPECT_EQ(obey(*pipe, orders), answers);
+        EXPECT_EQ(support::obey(ORDERS, orders), answers);
         pipe.reset();
         EXPECT_EQ(calls, expected);
     }
     EXPECT_EQ(blocks, 0);
-    EXPECT_EQ(manners, (std::set<std::string>{"c!", "d", "f", "m,524289,7,255,512,512,0!",
-                                              "m,524290,6,255,512,512,0!", "o,1073741824,0!,3,0!",
-                                              "o,2147483648,0!,3,0!", "w,20000", "x"}));
+    EXPECT_EQ(manners,
+              (std::set<std::string>{"c,0", "d", "f", "m,524289,7,255,512,512,0,0",
+                                     "m,524290,6,255,512,512,0,0", "o,1073741824,0,0,3,0,0",
+                                     "o,2147483648,0,0,3,0,0", "w,20000", "x"}));
 }
 
 } // namespace
