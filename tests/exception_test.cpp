@@ -2,13 +2,11 @@
 
 #include "support/test.h"
 
-#include <cstdio>
-#include <list>
+using namespace support;
 
 namespace
 {
 
-using namespace support;
 using Message = VELKORA_ERROR_MESSAGE;
 
 // Each line's level, text, second text and id.
@@ -21,71 +19,48 @@ std::string lines_of(const Message &message)
     return text.str();
 }
 
-// A condition of the host's own that counts how many of it live, and can refuse to be copied.
+// A condition of the host's own; what it shares tells how many of it live. It can be copied only
+// with that.
 struct Counted : THR_ERRC {
-    explicit Counted(bool can_clone = true) : m_can_clone(can_clone) { s_alive++; }
-    Counted(const Counted &) : Counted() {}
-    ~Counted() override { s_alive--; }
+    explicit Counted(std::shared_ptr<int> count) : m_count(count) {}
     std::unique_ptr<VELKORA_ERRC> clone() const override
     {
-        return m_can_clone ? std::make_unique<Counted>(*this) : nullptr;
+        return m_count ? std::make_unique<Counted>(m_count) : nullptr;
     }
     Message get_error_message() const override { return {"counted", 7, {}}; }
 
-    const bool m_can_clone;
-    inline static int s_alive = 0;
+    const std::shared_ptr<int> m_count;
 };
 
-TEST(Exception, MessagesNestInTheOrderTheyAreGiven)
+TEST(Exception, AndItsMessagesAreCopiedWholeAndReleased)
 {
-    const THR::ERRC::FAILED_TO_CREATE_IP_MUTEX_ERRC errc("a \"b\" %s\n");
-    const Message m2("M2", 2, {errc.clone()->get_error_message()});
-    Message copy("M3", 3, {});
-    copy = Message("M1", 1, {m2, copy});
-    EXPECT_EQ(lines_of(copy), "0M1||1;1M2||2;2Failed to create file lock on \"a \"b\" %s\n\"||-1;"
-                              "1M3||3;");
-}
-
-TEST(Exception, MessagesReleaseTheirLines)
-{
-    std::list<Gate> releases;
-    for (const Import &import : imports_of(thr_module())) {
-        if (import.function.find("_ZdlPv") == 0)
-            releases.emplace_back(import.function);
-    }
-    Gate blocks("_Znwy");
+    const HMODULE runtime = GetModuleHandleA("libstdc++-6.dll");
+    Gate blocks("malloc", &Call::go_on, runtime), releases("free", &Call::go_on, runtime);
+    const LONG before = blocks.calls() - releases.calls();
     {
-        const Message message("M1", 1, {Message("M2", 2, {})});
-        Message copy = message;
-        copy = message;
-    }
-    LONG released = 0;
-    for (const Gate &gate : releases)
-        released += gate.calls();
-    EXPECT_TRUE(released > 0 && released == blocks.calls());
-}
-
-TEST(Exception, EveryCopyOwnsItsCondition)
-{
-    auto first = std::make_unique<VELKORA_EXCEPTION>(std::in_place_type<Counted>);
-    {
-        VELKORA_EXCEPTION copy = *first;
-        EXPECT_EQ(Counted::s_alive, 2);
+        const THR::ERRC::FAILED_TO_CREATE_IP_MUTEX_ERRC errc("a \"b\" %s\n");
+        const Message m2("M2", 2, {errc.clone()->get_error_message()});
+        Message copy = m2;
+        copy = Message("M1", 1, {m2, Message("M3", 3, {})});
+        EXPECT_EQ(lines_of(copy),
+                  "0M1||1;1M2||2;2Failed to create file lock on \"a \"b\" %s\n\"||-1;1M3||3;");
+        auto count = std::make_shared<int>();
+        auto first = std::make_unique<VELKORA_EXCEPTION>(std::in_place_type<Counted>, count);
+        VELKORA_EXCEPTION second = *first;
+        EXPECT_EQ(count.use_count(), 3);
         first.reset();
-        EXPECT_EQ(Counted::s_alive, 1);
-        EXPECT_EQ(lines_of(copy.get_errc().get_error_message()), "0counted||7;");
+        EXPECT_EQ(lines_of(second.get_errc().get_error_message()), "0counted||7;");
     }
-    EXPECT_EQ(Counted::s_alive, 0);
+    EXPECT_EQ(blocks.calls() - releases.calls(), before);
 }
 
-TEST(Exception, WithoutConditionEndsTheProcess)
+TEST(ExceptionDeathTest, WithoutConditionAndALineThatIsNotThereEndTheProcess)
 {
-    thr_set_report_func([](auto...) { fputs("reported", stderr); }); // never called
     const auto ended = testing::ExitedWithCode(-1);
     EXPECT_EXIT(VELKORA_EXCEPTION(std::unique_ptr<VELKORA_ERRC>()), ended, "^error\n$");
-    VELKORA_EXCEPTION unclonable(std::in_place_type<Counted>, false);
+    VELKORA_EXCEPTION unclonable(std::in_place_type<Counted>, nullptr);
     EXPECT_EXIT(VELKORA_EXCEPTION copy(unclonable), ended, "^error\n$");
-    thr_set_report_func(nullptr);
+    EXPECT_EXIT((void)Message("one line", 1, {})[1], ended, "^this->.+\n$");
 }
 
 } // namespace

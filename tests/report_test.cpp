@@ -69,7 +69,7 @@ TEST(Report, HasTheSystemsWordsWithoutTheirLineBreakAndIsCutAt32767Characters)
 void end_by_report(bool is_internal)
 {
     static THR_LOCK once, twice, of_another;
-    for (THR_LOCK *lock : {&once, &twice, &twice})
+    for (THR_LOCK *lock : {&once, &twice, &twice, &twice})
         lock->lock();
     std::thread([] { of_another.lock(); }).join();
     static Gate released("LeaveCriticalSection");
@@ -94,7 +94,7 @@ TEST(ReportDeathTest, WithoutAHookOrOfAnInternalErrorEndsTheProcessThroughExit)
                 "^" + literal_regex(returned + text + "\nLocation: some/file.cpp:21\ngoodbye\n"));
     // The thread's own locks were released, and no others.
     EXPECT_EXIT(end_by_report(true), ended,
-                "^" + literal_regex(returned + "broken THR a/file.cpp:7 3\ngoodbye\n") + "$");
+                "^" + literal_regex(returned + "broken THR a/file.cpp:7 4\ngoodbye\n") + "$");
 }
 
 TEST(Report, IsOfItsThreadAloneAndAllocatesNothing)
