@@ -4,9 +4,7 @@
 
 #include <filesystem>
 
-using support::Call;
-using support::Gate;
-using support::ScratchDir;
+using namespace support;
 
 namespace
 {
@@ -21,7 +19,7 @@ std::unique_ptr<THR_IP_READ_WRITE_SEMAPHORE> sem;
 struct Gates {
     std::string path;
     int polls, pauses;
-    std::string refused; // the end of the names that are refused, as on a Windows volume while a
+    std::string refused; // a part of the names that are refused, as on a Windows volume while a
     int let_through;     // file of that name is being deleted; before that
     int refusals;
 } gates;
@@ -32,67 +30,67 @@ intptr_t poll(const Call &call)
     DWORD sent = 0;
     PeekNamedPipe(GetStdHandle(STD_INPUT_HANDLE), nullptr, 0, nullptr, &sent, nullptr);
     if (sent > 0)
-        gates.polls = std::stoi(*support::hear());
+        gates.polls = std::stoi(*hear());
     else if (--gates.polls == 0)
-        support::say("waits");
+        say("waits");
     return call.go_on();
 }
 
 void pause(DWORD ms)
 {
     gates.pauses += ms == 10;
-    Sleep(ms == 10 ? 0 : ms);
+    Sleep(0);
 }
 
-// Whether a file is open and shared with nobody; its holder can't open it either.
-bool is_held(const std::string &name)
+// The error of opening a file of the locks, or 0 where there is none, which is made then. Who has a
+// lock file can't open it again either.
+DWORD open(const std::string &end)
 {
-    const std::string path = gates.path + name;
-    const std::wstring wide = L"\\\\?\\" + std::wstring(path.begin(), path.end());
-    HANDLE opened = CreateFileW(wide.c_str(), GENERIC_READ, 7, nullptr, OPEN_EXISTING, 0, nullptr);
-    return opened == INVALID_HANDLE_VALUE && GetLastError() == ERROR_SHARING_VIOLATION;
+    const std::string path = "\\\\?\\" + gates.path + end;
+    const std::wstring wide(path.begin(), path.end());
+    SetLastError(0);
+    CloseHandle(CreateFileW(wide.c_str(), GENERIC_READ, 7, nullptr, OPEN_ALWAYS, 0, nullptr));
+    return GetLastError();
+}
+
+const DWORD HELD = ERROR_SHARING_VIOLATION;
+
+// Makes a call on what has that name, unless it is refused.
+intptr_t go_on(const Call &call, const std::string &name, intptr_t refusal)
+{
+    if (name.find(gates.refused) == name.npos || gates.let_through-- > 0 || gates.refusals-- <= 0)
+        return call.go_on();
+    SetLastError(ERROR_ACCESS_DENIED);
+    return refusal;
 }
 
 intptr_t create(const Call &call)
 {
-    const std::wstring path = call.arg<LPCWSTR>(0),
-                       suffix(gates.refused.begin(), gates.refused.end());
-    if (path.find(L"r.flock") != path.npos && !is_held(".cri.mtx.flock"))
-        support::say("not under the atomic lock");
+    const std::wstring path = call.arg<LPCWSTR>(0);
+    if (path.find(L"r.flock") != path.npos && open(".cri.mtx.flock") != HELD)
+        say("not under the atomic lock");
     if (call.arg<SECURITY_ATTRIBUTES *>(3)->bInheritHandle)
-        support::say("inherited by a child");
-    const size_t start = path.size() - suffix.size();
-    if (path.compare(start, path.npos, suffix) != 0 || gates.let_through-- > 0 ||
-        gates.refusals-- <= 0)
-        return call.go_on();
-    SetLastError(ERROR_ACCESS_DENIED);
-    return -1;
-}
-
-// A listing that breaks off.
-intptr_t next(const Call &call)
-{
-    if (gates.refused != "listing" || gates.refusals-- <= 0)
-        return call.go_on();
-    SetLastError(ERROR_ACCESS_DENIED);
-    return FALSE;
+        say("inherited by a child");
+    return go_on(call, std::string(path.begin(), path.end()), -1);
 }
 
 const std::string OWN = "." + std::to_string(GetCurrentProcessId());
 
 // Who has a lock has its file.
-const support::Orders ORDERS = {
-    {"lock", [](auto &) { return mutex->lock() && is_held(".mtx.flock"); }},
-    {"try_lock", [](auto &) { return mutex->try_lock() && is_held(".mtx.flock"); }},
+const Orders ORDERS = {
+    {"lock", [](auto &) { return mutex->lock() && open(".mtx.flock") == HELD; }},
+    {"try_lock", [](auto &) { return mutex->try_lock() && open(".mtx.flock") == HELD; }},
     {"end_lock", [](auto &) { return mutex->unlock(), true; }},
-    {"read", [](auto &) { return sem->read_lock(), is_held(OWN + ".rdr.flock"); }},
-    {"try_read", [](auto &) { return sem->try_read_lock() && is_held(OWN + ".rdr.flock"); }},
+    {"guard", [](auto &) { return THR_IP_SCOPED_MUTEX(mutex.get()).was_lock_successful(); }},
+    {"read", [](auto &) { return sem->read_lock(), open(OWN + ".rdr.flock") == HELD; }},
+    {"try_read", [](auto &) { return sem->try_read_lock() && open(OWN + ".rdr.flock") == HELD; }},
     {"end_read", [](auto &) { return sem->read_unlock(), true; }},
-    {"write", [](auto &) { return sem->write_lock(), is_held(OWN + ".wtr.flock"); }},
-    {"try_write", [](auto &) { return sem->try_write_lock() && is_held(OWN + ".wtr.flock"); }},
+    {"write", [](auto &) { return sem->write_lock(), open(OWN + ".wtr.flock") == HELD; }},
+    {"try_write", [](auto &) { return sem->try_write_lock() && open(OWN + ".wtr.flock") == HELD; }},
     {"end_write", [](auto &) { return sem->write_unlock(), true; }},
     {"destroy", [](auto &) { return sem.reset(), mutex.reset(), true; }},
     {"pauses", [](auto &) { return std::exchange(gates.pauses, 0); }},
+    {"make", [](auto &words) { return open(*std::istream_iterator<std::string>(words)); }},
     {"refuse", [](auto &words) {
          return !!(words >> gates.refused >> gates.let_through >> gates.refusals);
      }}};
@@ -103,64 +101,58 @@ const support::Orders ORDERS = {
 ROLE(obeys)
 {
     // No Windows enters a directory that is so long, but Wine does.
-    auto enter = [](const Call &call) {
+    Gate entering("SetCurrentDirectoryW", [](const Call &call) {
         return wcslen(call.arg<LPCWSTR>(0)) < 260 ? call.go_on() : 0;
-    };
-    Gate entering("SetCurrentDirectoryW", enter), creating("CreateFileW", create);
-    Gate listing("FindFirstFileW", poll), going_on("FindNextFileW", next), pausing("Sleep", poll);
+    });
+    Gate creating("CreateFileW", create), listing("FindFirstFileW", poll), pausing("Sleep", poll);
+    Gate going_on("FindNextFileW", [](auto &call) { return go_on(call, "listing", FALSE); });
     pausing.lead_to(&pause);
     thr_set_report_func([](const char *message, const char *, const char *, int) {
-        support::say(message);
-        support::hear();
+        say(message);
+        hear();
     });
     setvbuf(stdin, nullptr, _IONBF, 0); // so that a line stays in the pipe until it is heard
     gates.path = args[1];
     mutex = std::make_unique<THR_IP_MUTEX_OBJ>(args[0].c_str());
     sem = std::make_unique<THR_IP_READ_WRITE_SEMAPHORE>(args[0].c_str());
-    while (auto line = support::hear())
-        support::say(support::obey(ORDERS, *line));
+    while (auto line = hear())
+        say(obey(ORDERS, *line));
     return 0;
 }
 
 // A directory whose path is longer than Windows once allowed, and processes that use the mutex and
 // the semaphore "db" in it. A process whose name is longer than a letter uses those of its name:
 // "other" is long, and "db.cri" and "db.wri" are the mutexes of the semaphore "db".
-class Stage : ScratchDir, public support::Scene
-{
-public:
+struct Stage : ScratchDir, Scene {
     Stage() : Scene([this](const std::string &who) { return new_actor(who); })
     {
-        m_directory = L"\\\\?\\" + wide_path();
         while (m_directory.size() < 300)
-            CreateDirectoryW((m_directory += L"\\with spaces").c_str(), nullptr);
+            CreateDirectoryW((L"\\\\?\\" + (m_directory += L"\\with spaces")).c_str(), nullptr);
     }
-    std::wstring path(const wchar_t *name) { return m_directory + L"\\" + name; }
 
 private:
-    support::Child *new_actor(const std::string &who)
+    Child *new_actor(const std::string &who)
     {
-        const std::wstring path = m_directory.substr(4) + L"\\";
-        std::string plain(path.begin(), path.end());
-        plain += who.size() == 1 ? "db" : who == "other" ? std::string(220, 'o') : who;
+        std::string plain(m_directory.begin(), m_directory.end());
+        plain += "\\" + (who.size() == 1 ? "db" : who == "other" ? std::string(220, 'o') : who);
         std::string slashed = plain;
         slashed[plain.find("\\with")] = '/'; // behind it, backslashes do not split
-        return new support::Child("obeys", {who == "L" ? plain : slashed, plain});
+        return new Child("obeys", {who == "L" ? plain : slashed, plain});
     }
 
-    std::wstring m_directory; // begins with the four characters of a long path
+    std::wstring m_directory = wide_path();
 };
 
 TEST(IpLocks, CountWhatARecordHolds)
 {
     Stage stage;
     for (std::string kind : {"lock", "read", "write"}) {
-        const std::string end = "end_" + kind, other = kind == "lock" ? "lock" : "write";
-        for (std::string first : {kind, "try_" + kind}) {
-            for (std::string second : {kind, "try_" + kind})
-                stage.play("A " + first + " " + second + " " + end + " = 1 1 1;" + "B try_" +
-                           other + " = 0; A " + end + " = 1;" + "B try_" + other + " end_" + other +
-                           " = 1 1");
-        }
+        const std::string tries = "try_" + kind, end = " end_" + kind,
+                          other = kind == "lock" ? "lock" : "write";
+        for (std::string holds :
+             {kind + " " + kind, kind + " " + tries, tries + " " + kind, tries + " " + tries})
+            stage.play("A " + holds + end + " = 1 1 1; B try_" + other + " = 0; A" + end + " = 1;" +
+                       "B try_" + other + " end_" + other + " = 1 1");
     }
 }
 
@@ -174,28 +166,17 @@ TEST(IpLocks, BrokenPreconditionsAreInternalErrors)
                  "E write read = sem->m_writers_ref_count == 0");
 }
 
-TEST(IpLocks, WithoutADirectoryCantBeTaken)
-{
-    ScratchDir scratch;
-    const std::string directory = scratch.file("d"), path = directory + "/db";
-    THR_IP_MUTEX bad = thr_ip_mutex_create(path.c_str());
-    THR_IP_MUTEX_OBJ object(path.c_str());
-    CreateDirectoryA(directory.c_str(), nullptr);
-    EXPECT_FALSE(thr_ip_mutex_is_good(bad) || thr_ip_mutex_lock(bad) || object.try_lock());
-    EXPECT_FALSE(THR_IP_SCOPED_MUTEX(&object).was_lock_successful());
-    thr_ip_mutex_destroy(bad);
-}
-
 // --- mutex --------------------------------------------------------------------------------------
 
 TEST(IpMutex, PassesFromAKilledHolderToAWaitingLock)
 {
-    Stage stage;
-    stage.play("A lock lock end_lock = 1 1 1; B lock lock; B 450 = waits;"
-               "A kill = ended 197; B = 1 1; C try_lock = 0; B destroy = 1;"
-               "C try_lock end_lock = 1 1; C refuse .mtx.flock 0 1 try_lock pauses = 1 0 0;"
-               "C refuse .mtx.flock 0 1 lock pauses lock = 1 0 1 1; C kill = ended 197");
-    EXPECT_EQ(GetFileAttributesW(stage.path(L"db.mtx.flock").c_str()), INVALID_FILE_ATTRIBUTES);
+    Stage().play(
+        "A lock lock end_lock = 1 1 1; B lock lock; B 450 = waits;"
+        "A kill = ended 197; B = 1 1; C try_lock = 0; B destroy = 1;"
+        "C try_lock = 1; D guard; D 50 = waits; C end_lock = 1; D = 1; C try_lock end_lock = 1 1;"
+        "C refuse .mtx.flock 0 1 try_lock pauses = 1 0 0;"
+        "C refuse .mtx.flock 0 1 lock pauses lock = 1 0 1 1; C kill = ended 197;"
+        "D make .mtx.flock = 0");
 }
 
 TEST(IpMutex, GuardsHandTheirLockOver)
@@ -203,53 +184,48 @@ TEST(IpMutex, GuardsHandTheirLockOver)
     using Guard = THR_IP_SCOPED_MUTEX;
     ScratchDir scratch;
     THR_IP_MUTEX_OBJ a(scratch.file("a").c_str()), b(scratch.file("b").c_str());
-    auto exists = [&](const char *name) { return std::filesystem::exists(scratch.file(name)); };
+    auto held = [&](const char *name) { return std::filesystem::exists(scratch.file(name)); };
     EXPECT_FALSE(Guard(nullptr).was_lock_successful());
     Guard first(&a), second(&b);
-    EXPECT_TRUE(Guard(&a).was_lock_successful()) << "the same record: counted";
     {
         Guard third(std::move(first));
         EXPECT_TRUE(third.was_lock_successful() && !first.was_lock_successful());
-        EXPECT_TRUE(exists("a.mtx.flock"));
     }
-    EXPECT_FALSE(exists("a.mtx.flock")) << "the new owner unlocked";
-    first = Guard(&a); // an empty guard can be used again
-    EXPECT_TRUE(exists("a.mtx.flock"));
+    EXPECT_FALSE(held("a.mtx.flock")) << "the new owner unlocked";
+    first = Guard(&a);
+    EXPECT_TRUE(held("a.mtx.flock")) << "an empty guard can be used again";
     first = std::move(second);
     EXPECT_TRUE(first.was_lock_successful() && !second.was_lock_successful());
-    EXPECT_TRUE(!exists("a.mtx.flock") && exists("b.mtx.flock")) << "its own lock goes first";
+    EXPECT_TRUE(!held("a.mtx.flock") && held("b.mtx.flock")) << "it let its own lock go";
     Guard &same = first;
     first = std::move(same);
-    EXPECT_FALSE(first.was_lock_successful() || exists("b.mtx.flock")) << "assigned to itself";
+    EXPECT_FALSE(first.was_lock_successful() || held("b.mtx.flock")) << "assigned to itself";
 }
 
 // --- semaphore ----------------------------------------------------------------------------------
 
 TEST(IpRwSem, ServesReadersTogetherAndWritersBeforeLaterReaders)
 {
-    Stage stage;
-    auto open = [&](const wchar_t *name) {
-        return CreateFileW(stage.path(name).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0,
-                           nullptr);
-    };
-    // By processes that have ended: in nobody's way.
-    const wchar_t *const left_over[] = {L"a.1.rdr.flock", L"z.1.rdr.flock", L"c.2.wtr.flock"};
-    for (const wchar_t *file : left_over)
-        CloseHandle(open(file));
-    HANDLE no_lock_file = open(L"b.3.WTR.FLOCK");
-    stage.play("L refuse listing 0 1 try_write = 1 0;" // what can't be seen counts as held
-               "L refuse .rdr.flock 0 1 try_write = 1 0;"
-               "A read = 1; other read = 1; L try_write try_read try_write end_read = 0 1 0 1;"
-               "W write; W 450 = waits; L try_write try_read = 0 0");
-    for (const wchar_t *file : left_over)
-        EXPECT_EQ(GetFileAttributesW(stage.path(file).c_str()), INVALID_FILE_ATTRIBUTES);
-    CloseHandle(no_lock_file);
-    stage.play("L read end_read; L 50 = waits; A end_read = 1;"
-               "W 30 = waits;" // whichever semaphore in the directory it is that is read
-               "other end_read = 1; W = 1; other try_read = 0; L 30 = waits;"
-               "W try_read end_write = 0 1; L = 1 1;"
-               "db.wri lock = 1; A try_write = 0;"
-               "db.cri lock = 1; A try_read; A 50 = waits; db.cri kill = ended 197; A = 1");
+    Stage().play("A read = 1; other read = 1; L try_write try_read try_write end_read = 0 1 0 1;"
+                 "W write; W 450 = waits; L try_write try_read = 0 0;"
+                 "L read end_read; L 50 = waits; A end_read = 1;"
+                 "W 30 = waits;" // whichever semaphore in the directory it is that is read
+                 "other end_read = 1; W = 1; other try_read = 0; L 30 = waits;"
+                 "W try_read end_write = 0 1; L = 1 1;"
+                 "db.wri lock = 1; A try_write = 0;"
+                 "db.cri lock = 1; A try_read; A 50 = waits; db.cri kill = ended 197; A = 1");
+}
+
+TEST(IpRwSem, LooksAtEachLockFileOfItsDirectory)
+{
+    // Those of processes that have ended are in nobody's way. What can't be seen counts as held.
+    Stage().play("A make .1.rdr.flock make z.1.rdr.flock read = 0 0 1; L try_write = 0;"
+                 "A make .1.rdr.flock make z.1.rdr.flock make .2.wtr.flock = 0 0 0;"
+                 "A make .3.WTR.FLOCK = 0; L try_read end_read = 1 1;"
+                 "A make .2.wtr.flock make .3.WTR.FLOCK end_read = 0 183 1;"
+                 "L refuse listing 0 1 try_write = 1 0;"
+                 "L make .1.rdr.flock refuse .rdr.flock 0 1 try_write = 0 1 0;"
+                 "L try_write = 1");
 }
 
 TEST(IpRwSem, PassesOnWhatAnEndedProcessOrADestroyedRecordHeldOrAnnounced)
@@ -264,27 +240,29 @@ TEST(IpRwSem, PassesOnWhatAnEndedProcessOrADestroyedRecordHeldOrAnnounced)
 
 TEST(IpRwSem, TakesAgainWhatIsRefusedForAMomentAndEndsWhenItStaysRefused)
 {
-    Stage stage;
-    const std::string others_go_on = "L try_read end_read try_write end_write = 1 1 1 1;";
-    // What is refused after how many are let through, how often it is taken again; the end then.
-    auto play = [&](std::string who, std::string lock, std::string refused, int again,
-                    std::string error) {
-        const std::string refuse = who + " refuse " + refused, times = std::to_string(again);
-        stage.play(refuse + times + " " + lock + " pauses end_" + lock.substr(lock.find('_') + 1) +
-                   " = 1 1 " + times + " 1;" + refuse + std::to_string(again + 1) + " " + lock +
-                   " = " + error + ";" + others_go_on);
-    };
-    const std::string own_mutex = "mutex->m_ref_count > 0", no_file = "_fh != THR_BAD_FILE_HANDLE";
-    play("a", "read", ".rdr.flock 0 ", 10, "sem->m_readers_sem" + no_file);
-    play("b", "write", ".wtr.flock 0 ", 10, "sem->m_writers_sem" + no_file);
-    play("c", "try_write", ".wtr.flock 0 ", 10, "sem->m_writers_sem" + no_file);
-    play("d", "try_write", ".cri.mtx.flock 0 ", 100, own_mutex);
-    play("e", "write", ".cri.mtx.flock 1 ", 100, own_mutex);
-    play("f", "write", ".wri.mtx.flock 0 ", 100, own_mutex);
-    stage.play("W refuse .wri.mtx.flock 0 1 try_write try_write = 1 0 1;"
-               "A refuse .cri.mtx.flock 1 100 read end_read; A 30 = waits;"
-               "W end_write = 1; A = 1 1 1;" +
-               others_go_on);
+    const std::string others = "L try_read end_read try_write end_write = 1 1 1 1;";
+    Stage().play(
+        "a refuse .rdr.flock 0 10 read pauses end_read = 1 1 10 1;"
+        "a refuse .rdr.flock 0 11 read = sem->m_readers_sem_fh != THR_BAD_FILE_HANDLE;" +
+        others +
+        "b refuse .wtr.flock 0 10 write pauses end_write = 1 1 10 1;"
+        "b refuse .wtr.flock 0 11 write = sem->m_writers_sem_fh != THR_BAD_FILE_HANDLE;" +
+        others +
+        "c refuse .wtr.flock 0 10 try_write pauses end_write = 1 1 10 1;"
+        "c refuse .wtr.flock 0 11 try_write = sem->m_writers_sem_fh != THR_BAD_FILE_HANDLE;" +
+        others +
+        "d refuse .cri.mtx.flock 0 100 try_write pauses end_write = 1 1 100 1;"
+        "d refuse .cri.mtx.flock 0 101 try_write = mutex->m_ref_count > 0;" +
+        others +
+        "e refuse .cri.mtx.flock 1 100 write pauses end_write = 1 1 100 1;"
+        "e refuse .cri.mtx.flock 1 101 write = mutex->m_ref_count > 0;" +
+        others +
+        "f refuse .wri.mtx.flock 0 100 write pauses end_write = 1 1 100 1;"
+        "f refuse .wri.mtx.flock 0 101 write = mutex->m_ref_count > 0;" +
+        others +
+        "W refuse .wri.mtx.flock 0 1 try_write try_write = 1 0 1;"
+        "A refuse .cri.mtx.flock 1 100 read end_read; A 30 = waits; W end_write = 1; A = 1 1 1;" +
+        others);
 }
 
 } // namespace

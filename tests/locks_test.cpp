@@ -2,115 +2,90 @@
 
 #include "support/test.h"
 
-#include <random>
-
 using namespace support;
 
 namespace
 {
 
-using Sem = THR_READ_WRITE_SEMAPHORE;
+// What the threads share; left to those that still wait when a test has failed.
+THR_EVENT_OBJ &event = *new THR_EVENT_OBJ;
+THR_MUTEX_OBJ &guarded = *new THR_MUTEX_OBJ;
+THR_READ_WRITE_SEMAPHORE &semaphore = *new THR_READ_WRITE_SEMAPHORE;
 
-// The semaphore's record, whose fields are in this order.
-struct Record {
+// The one field of an object: the record that it wraps. The semaphore's has fields in this order.
+const THR_MUTEX mutex = reinterpret_cast<THR_MUTEX &>(guarded);
+const struct Record {
     THR_MUTEX state_mutex, writer_mutex;
     THR_EVENT no_readers_event, no_writers_event;
     int32_t reader_count, writer_count;
-};
-
-// What the threads of a scene share.
-struct Shared {
-    THR_EVENT_OBJ event;
-    THR_MUTEX mutex = thr_mutex_create();
-    THR_MUTEX_OBJ guarded;
-    Sem semaphore;
-    Record *record; // the semaphore's
-
-    Shared() { memcpy(&record, &semaphore, sizeof record); }
-} * shared; // each scene makes its own, and leaves it to threads that still wait
+} &record = *reinterpret_cast<Record *>(reinterpret_cast<THR_RW_SEM &>(semaphore));
 
 // The counts of readers and writers, which no event may contradict: each is posted exactly while
 // its count is 0.
 std::string counts()
 {
-    Record &record = *shared->record;
     thr_mutex_lock(record.state_mutex);
-    EXPECT_EQ(thr_event_is_posted(record.no_readers_event), record.reader_count == 0);
-    EXPECT_EQ(thr_event_is_posted(record.no_writers_event), record.writer_count == 0);
-    const std::string text =
-        std::to_string(record.reader_count) + "+" + std::to_string(record.writer_count);
+    const int readers = record.reader_count, writers = record.writer_count;
+    EXPECT_EQ(thr_event_is_posted(record.no_readers_event), readers == 0);
+    EXPECT_EQ(thr_event_is_posted(record.no_writers_event), writers == 0);
     thr_mutex_unlock(record.state_mutex);
-    return text;
+    return std::to_string(readers) + "+" + std::to_string(writers);
 }
 
-std::atomic<int> waiting; // for the event, without limit
+std::atomic<int> waiting; // for an event
 
 DWORD WINAPI wait(HANDLE handle, DWORD limit)
 {
-    DWORD result = WaitForSingleObject(handle, limit == INFINITE ? 0 : limit);
-    if (limit == INFINITE && result == WAIT_TIMEOUT) {
-        waiting++;
-        say_as_thread("waits");
-        result = WaitForSingleObject(handle, INFINITE);
-        waiting--;
-    }
+    if (limit == 0 || WaitForSingleObject(handle, 0) == WAIT_OBJECT_0)
+        return WaitForSingleObject(handle, 0);
+    waiting++;
+    say_as_thread(limit == INFINITE ? "waits" : "waits " + std::to_string(limit));
+    const DWORD result = WaitForSingleObject(handle, limit);
+    waiting--;
     return result;
 }
 
-// The semaphore's state is locked for a moment only.
 void WINAPI enter(CRITICAL_SECTION *section)
 {
-    auto *state = reinterpret_cast<CRITICAL_SECTION *>(shared->record->state_mutex);
-    if (section != state && !TryEnterCriticalSection(section))
-        say_as_thread("waits");
-    else if (section != state)
+    if (TryEnterCriticalSection(section))
         return;
+    if (static_cast<void *>(section) != record.state_mutex) // locked for a moment only
+        say_as_thread("waits");
     EnterCriticalSection(section);
-}
-
-// A pulse misses a thread that is just before its wait: hence several.
-bool pulse()
-{
-    for (int tries = 0; tries == 0 || (waiting > 0 && tries < 5000); ++tries) {
-        shared->event.pulse();
-        Sleep(1);
-    }
-    return true;
 }
 
 thread_local std::vector<std::unique_ptr<THR_SCOPED_MUTEX>> guards;
 
 const Orders ORDERS = {
-    {"wait", [](auto &) { return shared->event.wait(0); }},
-    {"wait_briefly", [](auto &) { return shared->event.wait((1ull << 32) + 5); }}, // 5 of it count
-    {"is_posted", [](auto &) { return shared->event.is_posted(); }},
-    {"post", [](auto &) { return shared->event.post(), true; }},
-    {"pulse", [](auto &) { return pulse(); }},
-    {"reset", [](auto &) { return shared->event.reset(), true; }},
-    {"lock", [](auto &) { return thr_mutex_lock(shared->mutex), true; }},
-    {"try_lock", [](auto &) { return thr_mutex_try_lock(shared->mutex); }},
-    {"end_lock", [](auto &) { return thr_mutex_unlock(shared->mutex), true; }},
-    {"guard", [](auto &) { return !!guards.emplace_back(new THR_SCOPED_MUTEX(shared->guarded)); }},
-    {"end_guard", [](auto &) { return guards.pop_back(), true; }},
-    {"read", [](auto &) { return shared->semaphore.read_lock(), true; }},
-    {"try_read", [](auto &) { return shared->semaphore.try_read_lock(); }},
-    {"end_read", [](auto &) { return shared->semaphore.read_unlock(), true; }},
-    {"write", [](auto &) { return shared->semaphore.write_lock(), true; }},
-    {"try_write", [](auto &) { return shared->semaphore.try_write_lock(); }},
-    {"end_write", [](auto &) { return shared->semaphore.write_unlock(), true; }},
+    {"wait", [](auto &) { return event.wait(0); }},
+    {"wait_briefly", [](auto &) { return event.wait((1ull << 32) + 5); }}, // 5 of it count
+    {"is_posted", [](auto &) { return event.is_posted(); }},
+    {"post", [](auto &) { return event.post(), true; }},
+    // One pulse misses a thread that is just before its wait.
+    {"pulse", [](auto &) { return eventually([] { return event.pulse(), waiting == 0; }); }},
+    {"reset", [](auto &) { return event.reset(), true; }},
+    {"lock", [](auto &) { return !!guards.emplace_back(new THR_SCOPED_MUTEX(guarded)); }},
+    {"end_lock", [](auto &) { return guards.pop_back(), true; }},
+    {"try_lock", [](auto &) { return thr_mutex_try_lock(mutex); }},
+    {"end_try", [](auto &) { return thr_mutex_unlock(mutex), true; }},
+    {"read", [](auto &) { return semaphore.read_lock(), true; }},
+    {"try_read", [](auto &) { return semaphore.try_read_lock(); }},
+    {"end_read", [](auto &) { return semaphore.read_unlock(), true; }},
+    {"write", [](auto &) { return semaphore.write_lock(), true; }},
+    {"try_write", [](auto &) { return semaphore.try_write_lock(); }},
+    {"end_write", [](auto &) { return semaphore.write_unlock(), true; }},
     {"counts", [](auto &) { return counts(); }}};
 
 // Plays steps of threads, which say "waits" where they do.
 void play(const char *steps)
 {
-    shared = new Shared;
     Gate waits("WaitForSingleObject", &wait), enters("EnterCriticalSection", &enter);
     Scene([](const std::string &) { return new Child(ORDERS); }).play(steps);
 }
 
 TEST(Event, StaysPostedUntilItIsReset)
 {
-    play("A is_posted wait_briefly is_posted = 0 1 0; A wait = waits; B wait = waits;"
+    play("A wait_briefly is_posted = waits 5; A = 1 0; A wait = waits; B wait = waits;"
          "C post = 1; A = 1; B = 1; C wait is_posted reset is_posted = 1 1 1 0;"
          "A wait = waits; B wait = waits; C pulse = 1; A = 1; B = 1;"
          "C post pulse is_posted = 1 1 0");
@@ -118,9 +93,9 @@ TEST(Event, StaysPostedUntilItIsReset)
 
 TEST(Mutex, IsRecursiveForItsOwnerAndExcludesOtherThreads)
 {
-    play("A lock try_lock end_lock = 1 1 1; B try_lock = 0; B lock = waits; A end_lock = 1; B = 1;"
-         "A try_lock = 0; B end_lock = 1; A try_lock end_lock = 1 1;"
-         "A guard guard end_guard = 1 1 1; B guard = waits; A end_guard = 1; B end_guard = 1");
+    play("A lock lock try_lock end_lock = 1 1 1 1; B try_lock = 0; B lock = waits;"
+         "A end_try end_lock = 1 1; B = 1; A try_lock = 0; B end_lock = 1;"
+         "A try_lock end_try = 1 1");
 }
 
 TEST(RwSem, WritersGoFirst)
@@ -134,68 +109,39 @@ TEST(RwSem, WritersGoFirst)
          "M end_write counts try_read counts end_read = 1 0+0 1 1+0 1");
 }
 
-// --- under load ---------------------------------------------------------------------------------
-
-// One of the library's calls, before which other threads are let in now and then.
-template <auto *function, class... Args> auto jittery(Args... args)
-{
-    const int choice = rand() % 64; // each thread has its own series
-    if (choice == 0)
-        Sleep(1);
-    else if (choice < 24)
-        SwitchToThread();
-    return function(args...);
-}
-
-// What a thread under load does; answers how often somebody was in who should not have been.
-Answer use_often(bool writes, unsigned seed)
-{
-    static std::atomic<int> inside; // readers, and 1000 for each writer
-    const int share = writes ? 1000 : 1;
-    auto lock = writes ? &Sem::write_lock : &Sem::read_lock;
-    auto try_lock = writes ? &Sem::try_write_lock : &Sem::try_read_lock;
-    auto unlock = writes ? &Sem::write_unlock : &Sem::read_unlock;
-    int faults = 0;
-    srand(seed);
-    for (int round = 0; round < 1000; ++round) {
-        if (rand() % 4 != 0)
-            (shared->semaphore.*lock)();
-        else if (!(shared->semaphore.*try_lock)())
-            continue;
-        const int now = inside += share;
-        faults += writes ? now != share : now > 1000;
-        SwitchToThread();
-        inside -= share;
-        (shared->semaphore.*unlock)();
-    }
-    return faults;
-}
-
 TEST(RwSem, KeepsItsInvariantsUnderLoad)
 {
-    Gate patches[] = {{"EnterCriticalSection", &jittery<&EnterCriticalSection, CRITICAL_SECTION *>},
-                      {"LeaveCriticalSection", &jittery<&LeaveCriticalSection, CRITICAL_SECTION *>},
-                      {"SetEvent", &jittery<&SetEvent, HANDLE>},
-                      {"WaitForSingleObject", &jittery<&WaitForSingleObject, HANDLE, DWORD>}};
-    const unsigned seed = std::random_device()();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    shared = new Shared;
-    auto watch = [](auto &) {
-        for (int round = 0; round < 3000; ++round)
-            counts();
-        return 0;
+    auto jitter = [](const Call &call) { // lets other threads in before it now and then
+        if (rand() % 3 == 0)
+            Sleep(rand() % 24 == 0);
+        return call.go_on();
     };
-    Scene scene([&](const std::string &who) {
-        const bool writes = who < "D";
-        const unsigned own_seed = seed + who[0];
-        return new Child(
-            {{"use", [=](auto &) { return use_often(writes, own_seed); }}, {"watch", watch}});
-    });
-    scene.play("A use; B use; C use; D use; E use; F use; G use; H watch = 0; A = 0; B = 0; C = 0;"
-               "D = 0; E = 0; F = 0; G = 0");
+    Gate enters("EnterCriticalSection", jitter), leaves("LeaveCriticalSection", jitter),
+        posts("SetEvent", jitter), waits("WaitForSingleObject", jitter);
+    std::atomic<int> inside = 0; // readers, and 1000 for each writer
+    auto use = [&](int number) {
+        const bool writes = number < 3;
+        srand(number); // each thread has its own series
+        for (int round = 0; round < 1000; ++round) {
+            if (rand() % 4 != 0)
+                writes ? semaphore.write_lock() : semaphore.read_lock();
+            else if (!(writes ? semaphore.try_write_lock() : semaphore.try_read_lock()))
+                continue;
+            const int now = inside += writes ? 1000 : 1;
+            EXPECT_TRUE(now < 1000 || (writes && now == 1000)) << now;
+            SwitchToThread();
+            inside -= writes ? 1000 : 1;
+            writes ? semaphore.write_unlock() : semaphore.read_unlock();
+        }
+    };
+    std::vector<std::thread> threads;
+    for (int number = 0; number < 7; ++number)
+        threads.emplace_back(use, number);
+    for (int round = 0; round < 3000; ++round)
+        counts();
+    for (std::thread &thread : threads)
+        thread.join();
     EXPECT_EQ(counts(), "0+0");
-    EXPECT_TRUE(shared->semaphore.try_write_lock());
-    shared->semaphore.write_unlock();
 }
 
 // --- overloads ----------------------------------------------------------------------------------
@@ -204,8 +150,7 @@ TEST(ProcessOverloads, ExitAsksTheLoopToEndAndTerminateTakesAHandleAsANumber)
 {
     thr_process_exit(5);
     MSG message = {};
-    EXPECT_EQ(GetMessageA(&message, nullptr, 0, 0), 0);
-    EXPECT_EQ(static_cast<int>(message.wParam), -1);
+    EXPECT_TRUE(!GetMessageA(&message, nullptr, 0, 0) && static_cast<int>(message.wParam) == -1);
     EXPECT_EXIT(thr_process_terminate(reinterpret_cast<uint64_t>(GetCurrentProcess()), 5),
                 testing::ExitedWithCode(5), "");
 }
