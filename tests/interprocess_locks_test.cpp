@@ -18,10 +18,10 @@ std::unique_ptr<THR_IP_READ_WRITE_SEMAPHORE> sem;
 // What the library meets in such a process: pauses that take no time, and refusals.
 struct Gates {
     std::string path;
-    int polls, pauses;
-    std::string refused; // a part of the names that are refused, as on a Windows volume while a
-    int let_through;     // file of that name is being deleted; before that
-    int refusals;
+    std::string
+        refused; // what is in the names that are refused, after others that are let through,
+                 // as on a Windows volume while a file of that name is being deleted
+    int let_through, refusals, polls, pauses;
 } gates;
 
 // A line that comes meanwhile is the number of polls after which to say so.
@@ -124,23 +124,22 @@ ROLE(obeys)
 // the semaphore "db" in it. A process whose name is longer than a letter uses those of its name:
 // "other" is long, and "db.cri" and "db.wri" are the mutexes of the semaphore "db".
 struct Stage : ScratchDir, Scene {
-    Stage() : Scene([this](const std::string &who) { return new_actor(who); })
-    {
-        while (m_directory.size() < 300)
-            CreateDirectoryW((L"\\\\?\\" + (m_directory += L"\\with spaces")).c_str(), nullptr);
-    }
+    std::wstring directory = wide_path();
 
-private:
-    Child *new_actor(const std::string &who)
+    Stage()
+        : Scene([this](const std::string &who) {
+              std::string plain(directory.begin(), directory.end());
+              plain += "\\" + (who.size() == 1  ? "db"
+                               : who == "other" ? std::string(220, 'o')
+                                                : who);
+              std::string slashed = plain;
+              slashed[plain.find("\\with")] = '/'; // behind it, backslashes do not split
+              return new Child("obeys", {who == "L" ? plain : slashed, plain});
+          })
     {
-        std::string plain(m_directory.begin(), m_directory.end());
-        plain += "\\" + (who.size() == 1 ? "db" : who == "other" ? std::string(220, 'o') : who);
-        std::string slashed = plain;
-        slashed[plain.find("\\with")] = '/'; // behind it, backslashes do not split
-        return new Child("obeys", {who == "L" ? plain : slashed, plain});
+        while (directory.size() < 300)
+            CreateDirectoryW((L"\\\\?\\" + (directory += L"\\with spaces")).c_str(), nullptr);
     }
-
-    std::wstring m_directory = wide_path();
 };
 
 TEST(IpLocks, CountWhatARecordHolds)
@@ -186,7 +185,7 @@ TEST(IpMutex, GuardsHandTheirLockOver)
     THR_IP_MUTEX_OBJ a(scratch.file("a").c_str()), b(scratch.file("b").c_str());
     auto held = [&](const char *name) { return std::filesystem::exists(scratch.file(name)); };
     EXPECT_FALSE(Guard(nullptr).was_lock_successful());
-    Guard first(&a), second(&b);
+    Guard first(&a);
     {
         Guard third(std::move(first));
         EXPECT_TRUE(third.was_lock_successful() && !first.was_lock_successful());
@@ -194,8 +193,7 @@ TEST(IpMutex, GuardsHandTheirLockOver)
     EXPECT_FALSE(held("a.mtx.flock")) << "the new owner unlocked";
     first = Guard(&a);
     EXPECT_TRUE(held("a.mtx.flock")) << "an empty guard can be used again";
-    first = std::move(second);
-    EXPECT_TRUE(first.was_lock_successful() && !second.was_lock_successful());
+    first = Guard(&b);
     EXPECT_TRUE(!held("a.mtx.flock") && held("b.mtx.flock")) << "it let its own lock go";
     Guard &same = first;
     first = std::move(same);
@@ -240,29 +238,23 @@ TEST(IpRwSem, PassesOnWhatAnEndedProcessOrADestroyedRecordHeldOrAnnounced)
 
 TEST(IpRwSem, TakesAgainWhatIsRefusedForAMomentAndEndsWhenItStaysRefused)
 {
-    const std::string others = "L try_read end_read try_write end_write = 1 1 1 1;";
-    Stage().play(
-        "a refuse .rdr.flock 0 10 read pauses end_read = 1 1 10 1;"
-        "a refuse .rdr.flock 0 11 read = sem->m_readers_sem_fh != THR_BAD_FILE_HANDLE;" +
-        others +
-        "b refuse .wtr.flock 0 10 write pauses end_write = 1 1 10 1;"
-        "b refuse .wtr.flock 0 11 write = sem->m_writers_sem_fh != THR_BAD_FILE_HANDLE;" +
-        others +
-        "c refuse .wtr.flock 0 10 try_write pauses end_write = 1 1 10 1;"
-        "c refuse .wtr.flock 0 11 try_write = sem->m_writers_sem_fh != THR_BAD_FILE_HANDLE;" +
-        others +
-        "d refuse .cri.mtx.flock 0 100 try_write pauses end_write = 1 1 100 1;"
-        "d refuse .cri.mtx.flock 0 101 try_write = mutex->m_ref_count > 0;" +
-        others +
-        "e refuse .cri.mtx.flock 1 100 write pauses end_write = 1 1 100 1;"
-        "e refuse .cri.mtx.flock 1 101 write = mutex->m_ref_count > 0;" +
-        others +
-        "f refuse .wri.mtx.flock 0 100 write pauses end_write = 1 1 100 1;"
-        "f refuse .wri.mtx.flock 0 101 write = mutex->m_ref_count > 0;" +
-        others +
-        "W refuse .wri.mtx.flock 0 1 try_write try_write = 1 0 1;"
-        "A refuse .cri.mtx.flock 1 100 read end_read; A 30 = waits; W end_write = 1; A = 1 1 1;" +
-        others);
+    const std::string no_file = "_sem_fh != THR_BAD_FILE_HANDLE";
+    // the lock, what is refused after how many are let through; how often it is taken again, the end
+    const std::tuple<std::string, std::string, int, std::string> cases[] = {
+        {"read", ".rdr.flock 0", 10, "sem->m_readers" + no_file},
+        {"write", ".wtr.flock 0", 10, "sem->m_writers" + no_file},
+        {"try_write", ".wtr.flock 0", 10, "sem->m_writers" + no_file},
+        {"try_write", ".cri.mtx.flock 0", 100, "mutex->m_ref_count > 0"},
+        {"write", ".cri.mtx.flock 1", 100, "mutex->m_ref_count > 0"},
+        {"write", ".wri.mtx.flock 0", 100, "mutex->m_ref_count > 0"}};
+    for (const auto &[lock, refused, times, error] : cases) {
+        const std::string refuse = " refuse " + refused + " ", again = std::to_string(times);
+        Stage().play("A" + refuse + again + " " + lock + " pauses destroy = 1 1 " + again + " 1;" +
+                     "B" + refuse + std::to_string(times + 1) + " " + lock + " = " + error + ";" +
+                     "L try_read end_read try_write end_write = 1 1 1 1");
+    }
+    Stage().play("W refuse .wri.mtx.flock 0 1 try_write try_write = 1 0 1;"
+                 "A refuse .cri.mtx.flock 1 100 read; A 30 = waits; W end_write = 1; A = 1 1");
 }
 
 } // namespace
