@@ -15,12 +15,11 @@ namespace
 std::unique_ptr<THR_IP_MUTEX_OBJ> mutex;
 std::unique_ptr<THR_IP_READ_WRITE_SEMAPHORE> sem;
 
-// What the library meets in such a process: pauses that take no time, and refusals.
+// What the library meets in such a process: pauses that take no time, and refusals of what has a
+// text in its name, after some are let through, as on a Windows volume while such a file is being
+// deleted.
 struct Gates {
-    std::string path;
-    std::string
-        refused; // what is in the names that are refused, after others that are let through,
-                 // as on a Windows volume while a file of that name is being deleted
+    std::string path, refused;
     int let_through, refusals, polls, pauses;
 } gates;
 
@@ -120,37 +119,39 @@ ROLE(obeys)
     return 0;
 }
 
-// A directory whose path is longer than Windows once allowed, and processes that use the mutex and
-// the semaphore "db" in it. A process whose name is longer than a letter uses those of its name:
-// "other" is long, and "db.cri" and "db.wri" are the mutexes of the semaphore "db".
+// A directory whose path has a length that no Windows enters, the least one by default, and
+// processes that use the mutex and the semaphore "db" in it. A process whose name is longer than a
+// letter uses those of its name: "other" is long, and "db.cri" and "db.wri" are the mutexes of the
+// semaphore "db".
 struct Stage : ScratchDir, Scene {
-    std::wstring directory = wide_path();
+    std::string directory = path();
 
-    Stage()
+    explicit Stage(size_t length = 260)
         : Scene([this](const std::string &who) {
-              std::string plain(directory.begin(), directory.end());
-              plain += "\\" + (who.size() == 1  ? "db"
-                               : who == "other" ? std::string(220, 'o')
-                                                : who);
+              const std::string name = who == "other" ? std::string(220, 'o') : who,
+                                plain = directory + "\\" + (who.size() == 1 ? "db" : name);
               std::string slashed = plain;
-              slashed[plain.find("\\with")] = '/'; // behind it, backslashes do not split
+              slashed[path().size()] = '/'; // behind it, backslashes do not split
               return new Child("obeys", {who == "L" ? plain : slashed, plain});
           })
     {
-        while (directory.size() < 300)
-            CreateDirectoryW((L"\\\\?\\" + (directory += L"\\with spaces")).c_str(), nullptr);
+        while (directory.size() < length) {
+            directory += "\\" + std::string((length - directory.size() - 2) % 50 + 1, 'd');
+            const std::wstring wide(directory.begin(), directory.end());
+            CreateDirectoryW((L"\\\\?\\" + wide).c_str(), nullptr);
+        }
     }
 };
 
 TEST(IpLocks, CountWhatARecordHolds)
 {
-    Stage stage;
+    Stage stage(1024); // the longest path there is
     for (std::string kind : {"lock", "read", "write"}) {
         const std::string tries = "try_" + kind, end = " end_" + kind,
                           other = kind == "lock" ? "lock" : "write";
         for (std::string holds :
              {kind + " " + kind, kind + " " + tries, tries + " " + kind, tries + " " + tries})
-            stage.play("A " + holds + end + " = 1 1 1; B try_" + other + " = 0; A" + end + " = 1;" +
+            stage.play("L " + holds + end + " = 1 1 1; B try_" + other + " = 0; L" + end + " = 1;" +
                        "B try_" + other + " end_" + other + " = 1 1");
     }
 }
@@ -185,19 +186,16 @@ TEST(IpMutex, GuardsHandTheirLockOver)
     THR_IP_MUTEX_OBJ a(scratch.file("a").c_str()), b(scratch.file("b").c_str());
     auto held = [&](const char *name) { return std::filesystem::exists(scratch.file(name)); };
     EXPECT_FALSE(Guard(nullptr).was_lock_successful());
-    Guard first(&a);
-    {
-        Guard third(std::move(first));
-        EXPECT_TRUE(third.was_lock_successful() && !first.was_lock_successful());
-    }
-    EXPECT_FALSE(held("a.mtx.flock")) << "the new owner unlocked";
-    first = Guard(&a);
-    EXPECT_TRUE(held("a.mtx.flock")) << "an empty guard can be used again";
+    Guard first(&a), second(std::move(first));
+    EXPECT_TRUE(second.was_lock_successful() && !first.was_lock_successful());
     first = Guard(&b);
-    EXPECT_TRUE(!held("a.mtx.flock") && held("b.mtx.flock")) << "it let its own lock go";
+    EXPECT_TRUE(held("b.mtx.flock")) << "an empty guard can be used again";
+    first = std::move(second);
+    EXPECT_TRUE(first.was_lock_successful() && !second.was_lock_successful());
+    EXPECT_TRUE(held("a.mtx.flock") && !held("b.mtx.flock")) << "it let its own lock go";
     Guard &same = first;
     first = std::move(same);
-    EXPECT_FALSE(first.was_lock_successful() || held("b.mtx.flock")) << "assigned to itself";
+    EXPECT_FALSE(first.was_lock_successful() || held("a.mtx.flock")) << "assigned to itself";
 }
 
 // --- semaphore ----------------------------------------------------------------------------------

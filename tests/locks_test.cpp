@@ -54,8 +54,6 @@ void WINAPI enter(CRITICAL_SECTION *section)
     EnterCriticalSection(section);
 }
 
-thread_local std::vector<std::unique_ptr<THR_SCOPED_MUTEX>> guards;
-
 const Orders ORDERS = {
     {"wait", [](auto &) { return event.wait(0); }},
     {"wait_briefly", [](auto &) { return event.wait((1ull << 32) + 5); }}, // 5 of it count
@@ -64,10 +62,10 @@ const Orders ORDERS = {
     // One pulse misses a thread that is just before its wait.
     {"pulse", [](auto &) { return eventually([] { return event.pulse(), waiting == 0; }); }},
     {"reset", [](auto &) { return event.reset(), true; }},
-    {"lock", [](auto &) { return !!guards.emplace_back(new THR_SCOPED_MUTEX(guarded)); }},
-    {"end_lock", [](auto &) { return guards.pop_back(), true; }},
+    {"lock", [](auto &) { return thr_mutex_lock(mutex), true; }},
     {"try_lock", [](auto &) { return thr_mutex_try_lock(mutex); }},
-    {"end_try", [](auto &) { return thr_mutex_unlock(mutex), true; }},
+    {"end_lock", [](auto &) { return thr_mutex_unlock(mutex), true; }},
+    {"guard", [](auto &) { return !!std::make_unique<THR_SCOPED_MUTEX>(guarded); }},
     {"read", [](auto &) { return semaphore.read_lock(), true; }},
     {"try_read", [](auto &) { return semaphore.try_read_lock(); }},
     {"end_read", [](auto &) { return semaphore.read_unlock(), true; }},
@@ -93,9 +91,9 @@ TEST(Event, StaysPostedUntilItIsReset)
 
 TEST(Mutex, IsRecursiveForItsOwnerAndExcludesOtherThreads)
 {
-    play("A lock lock try_lock end_lock = 1 1 1 1; B try_lock = 0; B lock = waits;"
-         "A end_try end_lock = 1 1; B = 1; A try_lock = 0; B end_lock = 1;"
-         "A try_lock end_try = 1 1");
+    play(
+        "A lock try_lock guard end_lock = 1 1 1 1; B try_lock = 0; B lock = waits; A end_lock = 1;"
+        "B = 1; A try_lock = 0; A guard = waits; B end_lock = 1; A = 1; B try_lock end_lock = 1 1");
 }
 
 TEST(RwSem, WritersGoFirst)
