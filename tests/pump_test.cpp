@@ -2,63 +2,46 @@
 
 #include "support/test.h"
 
-#include <cstdint>
-
-using support::Call;
-using support::Gate;
+using namespace support;
 
 namespace
 {
 
-const UINT SIGN = WM_APP + 1; // a message that carries a character
-std::string handled;          // the characters of the messages dispatched
-
-// Its handling of the sign 'S' posts the exit event, and of 'D' destroys it.
-LRESULT CALLBACK window_proc(HWND window, UINT message, WPARAM wparam, LPARAM lparam)
+// 'x' posts the exit event, 'f' gives it up, 'q' asks for a quit, and others are posted as messages.
+void act(char action)
 {
-    if (message == SIGN || message == WM_CHAR)
-        handled += static_cast<char>(wparam);
-    if (wparam == 'S')
+    if (action == 'x')
         thr_win32_post_pump_exit_event();
-    else if (wparam == 'D')
+    else if (action == 'f')
         thr_event_destroy(std::exchange(thr_win32_pump_exit_event, nullptr));
-    return DefWindowProcA(window, message, wparam, lparam);
+    else if (action == 'q')
+        thr_process_exit({5, 6});
+    else
+        PostThreadMessageA(GetCurrentThreadId(), WM_APP, action, 0);
 }
 
-// Posts a message for each character, but 'x' is the exit event, 'q' a quit with this code, and
-// '\r' a key. Pumps. Returns the result, what is handled, and, behind a line, what is left, a quit
-// by its code, and whether the exit still waits. A pump that waits gets a message from a timer.
-std::string pump(const std::string &posted, uint64_t limit)
+// Acts, and pumps. Returns the result, the messages that are handled, and, behind a line, what is
+// left. A capital is a message whose handling acts.
+std::string pump(const std::string &actions, uint64_t limit)
 {
-    static const HWND window =
-        CreateWindowA("STATIC", "", 0, 0, 0, 0, 0, HWND_MESSAGE, nullptr, nullptr, nullptr);
-    SetWindowLongPtrA(window, GWLP_WNDPROC, reinterpret_cast<LONG_PTR>(window_proc));
-    SetTimer(window, 1, 5000, nullptr);
-    for (char c : posted) {
-        if (c == 'x')
-            thr_win32_post_pump_exit_event();
-        else if (c == 'q')
-            PostQuitMessage(c);
-        else
-            PostMessageA(window, c == '\r' ? UINT(WM_KEYDOWN) : SIGN, c, 0);
-    }
-    // The looks have an end, and a key that was only looked at is taken away, as what another
-    // thread sends may do it.
-    Gate look("PeekMessageA", [](const Call &call) -> intptr_t {
-        MSG key;
-        if (call.nth > 100 || !static_cast<BOOL>(call.go_on()))
-            return FALSE;
-        return call.arg<MSG *>(0)->message != WM_KEYDOWN ||
-               PeekMessageA(&key, nullptr, WM_KEYDOWN, WM_KEYDOWN, PM_REMOVE) + 1;
+    std::string handled, left;
+    for (char action : actions)
+        act(action);
+    Gate look("PeekMessageA", [](const Call &call) {
+        EXPECT_EQ(call.args[4], PM_REMOVE) << "what is only looked at may be gone when it is taken";
+        return call.nth > 100 ? FALSE : call.go_on();
     });
-    handled.clear();
-    std::string result = std::to_string(thr_win32_pump_messages(limit));
-    EXPECT_LE(look.calls(), 100);
-    result += " " + handled + "|";
-    KillTimer(window, 1);
+    Gate translate("TranslateMessage"), dispatch("DispatchMessageA", [&](const Call &call) {
+        handled += static_cast<char>(call.arg<MSG *>(0)->wParam);
+        if (isupper(handled.back()))
+            act(static_cast<char>(tolower(handled.back())));
+        return 0;
+    });
+    const uint64_t result = thr_win32_pump_messages(limit);
+    EXPECT_EQ(translate.calls(), dispatch.calls());
     for (MSG message; PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE);)
-        result += static_cast<char>(message.wParam);
-    return result + (thr_event_is_posted(thr_win32_pump_exit_event) ? "x" : "");
+        left += message.wParam == WPARAM(-1) ? 'q' : static_cast<char>(message.wParam);
+    return std::to_string(result) + " " + handled + "|" + left;
 }
 
 TEST(Pump, StopsAtItsLimitAtTheExitAndAtAQuit)
@@ -66,49 +49,44 @@ TEST(Pump, StopsAtItsLimitAtTheExitAndAtAQuit)
     EXPECT_EQ(thr_win32_pump_exit_event, nullptr);
     EXPECT_EQ(std::exchange(thr_win32_pump_exit_retcode, 5000000000), 95134u);
     const std::tuple<const char *, uint64_t, const char *> cases[] = {
-        {"\r", 0, "0 \r|"},       // a key gives a character
-        {"12345", 0, "0 12345|"}, // one more than the limit is handled
-        {"12345", 2, "3 123|45"},
-        {"12345", 5, "5 12345|"},
-        {"x", 3, "0 |x"}, // the exit shows at the next message, which is lost
-        {"12", 3, "5000000000 |2"},
-        {"1S23", 0, "5000000000 1S|3"},
-        {"1D2", 0, "0 1D2|"},
+        {"1234", 0, "0 1234|"},
+        {"1234", 2, "3 123|4"}, // one more than the limit is handled
+        {"x", 3, "0 |"},
+        {"12", 3, "5000000000 |2"}, // the exit shows at the next message
+        {"1X23", 0, "5000000000 1X|3"},
+        {"1F2", 0, "0 1F2|"},
         {"12q", 0, "0 12|q"}, // a quit is left to the host's loop
         {"12q", UINT64_MAX, "2 12|q"},
         {"12q", 3, "4 12|q"},
-        {"xq", 4, "5 |qx"}};
-    for (auto &[posted, limit, result] : cases)
-        EXPECT_EQ(pump(posted, limit), result);
-    thr_win32_pump_exit_retcode = 95134;
-    thr_event_destroy(std::exchange(thr_win32_pump_exit_event, nullptr));
+        {"xq", 4, "5 |q"}};
+    for (auto &[actions, limit, result] : cases)
+        EXPECT_EQ(pump(actions, limit), result);
+    act('f');
 }
 
 TEST(Pump, HooksPumpInItsPlaceAndOnTheMainThreadAlone)
 {
-    EXPECT_EQ(thr_qt_process_events() + thr_qt_post_exit_event(), 0u);
-    handled.clear();
-    thr_qt_set_process_event_func([] { handled += thr_qt_exit_event ? "Qt" : "too soon"; });
+    static std::string told;
+    thr_win32_pump_exit_retcode = 7;
+    EXPECT_EQ(thr_qt_process_events() + thr_qt_post_exit_event(), 0u) << "there is none";
+    thr_qt_set_process_event_func([] {
+        told += thr_qt_exit_event ? "Qt" : "too soon";
+        thr_win32_pump_exit_retcode = 8; // for the next
+    });
     std::thread([] {
-        PostThreadMessageA(GetCurrentThreadId(), SIGN, '4', 0);
-        EXPECT_EQ(thr_win32_pump_messages(6), 0u);
+        EXPECT_EQ(pump("1", 6), "0 |1");
         thr_win32_set_msg_pump_func(
             [](uint64_t limit) { return thr_win32_pump_exit_event ? limit * 3 : limit; });
-        EXPECT_EQ(thr_win32_pump_messages(6), 0u);
-        EXPECT_EQ(thr_qt_process_events(), 95134u);
-        EXPECT_NE(GetQueueStatus(QS_POSTMESSAGE), 0u) << "the message is left";
+        EXPECT_EQ(thr_win32_pump_messages(6) + thr_qt_process_events(), 7u);
     }).join();
-    EXPECT_TRUE(handled.empty() && !thr_win32_pump_exit_event && !thr_qt_exit_event);
-
-    EXPECT_EQ(thr_qt_process_events(), 95134u);
-    EXPECT_EQ(handled, "Qt");
+    EXPECT_TRUE(told.empty() && !thr_win32_pump_exit_event && !thr_qt_exit_event);
+    EXPECT_EQ(std::to_string(thr_qt_process_events()) + told, "7Qt");
     EXPECT_EQ(thr_qt_post_exit_event() + thr_event_is_posted(thr_qt_exit_event), 2);
     EXPECT_EQ(thr_win32_pump_exit_event, nullptr) << "the other loop's";
     EXPECT_EQ(pump("1", 1ull << 40), std::to_string(3ull << 40) + " |1");
     thr_win32_set_msg_pump_func(nullptr);
     thr_qt_set_process_event_func(nullptr);
-    thr_event_destroy(std::exchange(thr_win32_pump_exit_event, nullptr));
-    thr_event_destroy(std::exchange(thr_qt_exit_event, nullptr));
+    act('f');
     EXPECT_EQ(thr_win32_get_registered_message("thr"), RegisterWindowMessageA("thr"));
     EXPECT_EQ(thr_win32_is(), 1);
 }
@@ -117,16 +95,15 @@ TEST(Pump, HooksPumpInItsPlaceAndOnTheMainThreadAlone)
 TEST(Pump, AnEventMadeByTwoThreadsAtOnceIsOneEvent)
 {
     Gate close("CloseHandle"), create("CreateEventA", [&](const Call &call) {
-        for (int tries = 0; create.calls() < 2 && tries < 5000; ++tries)
-            Sleep(1);
+        eventually([&] { return create.calls() == 2; });
         return call.go_on();
     });
-    std::thread other(thr_win32_post_pump_exit_event);
-    thr_win32_post_pump_exit_event();
+    std::thread other(act, 'x');
+    act('x');
     other.join();
     EXPECT_EQ(create.calls() - close.calls(), 1);
     EXPECT_EQ(thr_event_is_posted(thr_win32_pump_exit_event), 1);
-    thr_event_destroy(std::exchange(thr_win32_pump_exit_event, nullptr));
+    act('f');
 }
 
 } // namespace
