@@ -1,5 +1,4 @@
 // The loading service, on real libraries, with the account of its errors.
-
 #include "support/test.h"
 
 using namespace support;

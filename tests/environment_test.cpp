@@ -1,5 +1,4 @@
 // Environment variables and the process-wide handlers.
-
 #include "support/test.h"
 
 #include <exception>

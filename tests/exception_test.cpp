@@ -1,5 +1,4 @@
 // The exception, its conditions and messages, as a host of thr.dll meets them.
-
 #include "support/test.h"
 
 using namespace support;

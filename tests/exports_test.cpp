@@ -1,6 +1,5 @@
 // What thr.dll offers, read from the loaded module, from its file, from its header and from the
 // manual.
-
 #include "support/test.h"
 
 #include <fstream>

@@ -1,5 +1,4 @@
 // Paths, files and lock files, through the library's objects.
-
 #include "support/test.h"
 
 #include "thr/thr_interprocess.h"

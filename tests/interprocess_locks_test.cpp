@@ -1,5 +1,4 @@
 // The interprocess mutex and read-write semaphore of thr.dll, among real processes.
-
 #include "support/test.h"
 
 #include <filesystem>

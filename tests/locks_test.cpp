@@ -1,5 +1,4 @@
 // Events, mutexes and the read-write semaphore among threads, through the classes over them.
-
 #include "support/test.h"
 
 using namespace support;

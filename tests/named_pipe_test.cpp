@@ -1,5 +1,4 @@
 // The named pipes of thr.dll, among processes and call by call.
-
 #include "support/test.h"
 
 #include <array>

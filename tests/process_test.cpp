@@ -1,6 +1,5 @@
 // Child processes: their streams, jobs and ends, and the calls that the system may refuse. The
 // children are this program in a role.
-
 #include "support/test.h"
 
 #include <algorithm>

@@ -1,5 +1,4 @@
 // The tests run on the thread that loaded the library: its main thread.
-
 #include "support/test.h"
 
 using namespace support;
