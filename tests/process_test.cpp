@@ -2,7 +2,6 @@
 // children are this program in a role.
 #include "support/test.h"
 
-#include <algorithm>
 
 using namespace support;
 

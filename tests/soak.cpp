@@ -6,7 +6,6 @@
 
 #include "refusal_sweep/run.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <random>
 

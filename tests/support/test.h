@@ -7,6 +7,7 @@
 
 #include "thr/thr_classes.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <functional>
