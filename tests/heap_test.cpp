@@ -15,12 +15,12 @@ const std::pair<void *(*)(), void (*)(void *)> ORIGINS[] = {
 
 TEST(HeapDeathTest, DamageIsFound)
 {
-    for (const auto &[take, release] : ORIGINS) {
+    for (const auto &origin : ORIGINS) {
         for (bool is_late : {false, true}) { // past the block, or after its release
-            auto write = [=, take = take, release = release] {
-                auto *block = static_cast<volatile char *>(take());
+            auto write = [=] {
+                auto *block = static_cast<volatile char *>(origin.first());
                 if (is_late)
-                    release(const_cast<char *>(block));
+                    origin.second(const_cast<char *>(block));
                 block[is_late ? 0 : 4096 - reinterpret_cast<size_t>(block) % 4096] = 'x';
             };
             EXPECT_EXIT(write(), testing::ExitedWithCode(int(STATUS_ACCESS_VIOLATION)), "");
