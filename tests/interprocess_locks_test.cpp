@@ -146,12 +146,11 @@ TEST(IpLocks, CountWhatARecordHolds)
 {
     Stage stage(1024); // the longest path there is
     for (std::string kind : {"lock", "read", "write"}) {
-        const std::string tries = "try_" + kind, end = " end_" + kind,
-                          other = kind == "lock" ? "lock" : "write";
-        for (std::string holds :
-             {kind + " " + kind, kind + " " + tries, tries + " " + kind, tries + " " + tries})
-            stage.play("L " + holds + end + " = 1 1 1; B try_" + other + " = 0; L" + end + " = 1;" +
-                       "B try_" + other + " end_" + other + " = 1 1");
+        const std::string end = " end_" + kind, other = kind == "lock" ? "lock" : "write";
+        for (std::string first : {kind, "try_" + kind})
+            stage.play("L " + first + " try_" + kind + " " + kind + end + end + " = 1 1 1 1 1;" +
+                       "B try_" + other + " = 0; L" + end + " = 1; B try_" + other + " end_" +
+                       other + " = 1 1");
     }
 }
 
@@ -169,13 +168,13 @@ TEST(IpLocks, BrokenPreconditionsAreInternalErrors)
 
 TEST(IpMutex, PassesFromAKilledHolderToAWaitingLock)
 {
-    Stage().play(
-        "A lock lock end_lock = 1 1 1; B lock lock; B 450 = waits;"
-        "A kill = ended 197; B = 1 1; C try_lock = 0; B destroy = 1;"
-        "C try_lock = 1; D guard; D 50 = waits; C end_lock = 1; D = 1; C try_lock end_lock = 1 1;"
-        "C refuse .mtx.flock 0 1 try_lock pauses = 1 0 0;"
-        "C refuse .mtx.flock 0 1 lock pauses lock = 1 0 1 1; C kill = ended 197;"
-        "D make .mtx.flock = 0");
+    Stage().play("A lock lock end_lock = 1 1 1; B lock lock; B 450 = waits;"
+                 "A kill = ended 197; B = 1 1; C try_lock = 0; B destroy = 1;"
+                 "C try_lock = 1; D guard; D 50 = waits; C end_lock = 1; D = 1;"
+                 "D try_lock destroy = 1 1; C try_lock end_lock = 1 1;"
+                 "C refuse .mtx.flock 0 1 try_lock pauses = 1 0 0;"
+                 "C refuse .mtx.flock 0 1 lock pauses lock = 1 0 1 1; C kill = ended 197;"
+                 "D make .mtx.flock = 0");
 }
 
 TEST(IpMutex, GuardsHandTheirLockOver)
