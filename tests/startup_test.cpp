@@ -9,10 +9,9 @@
 using namespace support;
 
 extern "C" BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID at_process_end);
-// NOLINTBEGIN(bugprone-reserved-identifier): of the compiler's stack protector
+// Of the compiler's stack protector.
 extern "C" void *__stack_chk_guard;
 extern "C" void __stack_chk_fail();
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace
 {
