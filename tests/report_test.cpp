@@ -92,6 +92,7 @@ TEST(ReportDeathTest, WithoutAHookOrOfAnInternalErrorEndsTheProcessThroughExit)
     const std::string text = failure(ERROR_ACCESS_DENIED, system_words(ERROR_ACCESS_DENIED));
     EXPECT_EXIT(end_by_report(false), ended,
                 "^" + literal_regex(returned + text + "\nLocation: some/file.cpp:21\ngoodbye\n"));
+    EXPECT_INTERNAL_ERROR(thr_report_internal_error("50%s", "thr/file.cpp", 7), "50%s", "file");
     // The thread's own locks were released, and no others.
     EXPECT_EXIT(end_by_report(true), ended,
                 "^" + literal_regex(returned + "broken THR a/file.cpp:7 4\ngoodbye\n") + "$");
