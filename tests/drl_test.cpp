@@ -39,17 +39,17 @@ TEST(Drl, TheHostsFunctionsTakeThePlatformsPlace)
     auto load = [](const char *file) -> void * {
         calls += file;
         SetLastError(ERROR_BAD_EXE_FORMAT); // its words have a place for a name
-        return *file == 's' ? &calls : nullptr;
+        return *file == '\\' ? &calls : nullptr;
     };
     auto unload = [](void *library) { calls += library == &calls ? "unload;" : "unload other;"; };
     auto load_symbols = [](void *library, const char *file) {
-        calls += std::string(library ? "symbols of " : "no symbols of ") + file + ";";
+        calls += std::string(library ? "symbols " : "no symbols ") + file + ";";
         SetLastError(0xE0001234); // the system has no words for it
     };
     Gate loads("LoadLibraryA"), unloads("FreeLibrary");
     thr_set_load_symbols_func(load_symbols); // not called for the host's libraries
     thr_drl_register_funcs(load, unload);
-    EXPECT_EQ(thr_drl_load("sub/.dll"), &calls);
+    EXPECT_EQ(thr_drl_load("/sub/.dll"), &calls);
     for (intptr_t library : {reinterpret_cast<intptr_t>(&calls), intptr_t(0), intptr_t(-3)})
         thr_drl_unload(reinterpret_cast<void *>(library)); // the last two are none
     EXPECT_EQ(thr_drl_load("other"), nullptr);
@@ -61,7 +61,7 @@ TEST(Drl, TheHostsFunctionsTakeThePlatformsPlace)
     EXPECT_EQ(errors(), "Cannot load library none.dll: |none.dll|");
     thr_set_load_symbols_func(nullptr);
     thr_drl_load("unseen");
-    EXPECT_EQ(calls, "sub\\.dll.dllunload;other.dllsymbols of version.dll;no symbols of none.dll;");
+    EXPECT_EQ(calls, "\\sub\\.dll.dllunload;other.dllsymbols version.dll;no symbols none.dll;");
 }
 
 TEST(Drl, LoadsFindsAndUnloads)
