@@ -105,9 +105,9 @@ TEST(DllDirectory, IsTakenFromTheExecutablesPathAtStartup)
         {"C:\\Velkora\\ostrevaline\\b\\t.exe", "C:\\Velkora\\ostrevaline\\bin64"},
         {deep + "\\b\\t.exe", deep + "\\bin64"}}; // the longest path
     for (auto &[path, dll_directory] : cases) {
-        auto tell_path = [&path = path](const Call &call) -> intptr_t {
+        auto tell_path = [&text = path](const Call &call) -> intptr_t {
             EXPECT_EQ(call.arg<HMODULE>(0), OWN) << "not the DLL's path";
-            return path.copy(call.arg<char *>(1), call.arg<DWORD>(2));
+            return text.copy(call.arg<char *>(1), call.arg<DWORD>(2));
         };
         Gate gate("GetModuleFileNameA", tell_path);
         SetDllDirectoryA(nullptr);
