@@ -27,7 +27,8 @@ std::string pump(const std::string &actions, uint64_t limit)
     for (char action : actions)
         act(action);
     Gate look("PeekMessageA", [](const Call &call) {
-        EXPECT_EQ(call.args[4], PM_REMOVE) << "what is only looked at may be gone when it is taken";
+        EXPECT_EQ(call.arg<UINT>(4), PM_REMOVE)
+            << "what is only looked at may be gone when it is taken";
         return call.nth > 100 ? FALSE : call.go_on();
     });
     Gate translate("TranslateMessage"), dispatch("DispatchMessageA", [&](const Call &call) {
