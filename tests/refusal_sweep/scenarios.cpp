@@ -6,12 +6,11 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <new>
 
 namespace
 {
-
-const DWORD LONG_ENOUGH = 20000; // milliseconds
 
 // An operation has told how it went.
 bool result(bool is_done)
@@ -31,16 +30,7 @@ template <class T> void let_through(const char *function, T *target)
 // Whether somebody has a file open and shares it with nobody.
 bool is_held(const std::string &path)
 {
-    HANDLE file = CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_DELETE,
-                              nullptr, OPEN_EXISTING, 0, nullptr);
-    DWORD code = GetLastError();
-    CloseHandle(file);
-    return file == INVALID_HANDLE_VALUE && code == ERROR_SHARING_VIOLATION;
-}
-
-void make_file(const std::string &path)
-{
-    CloseHandle(CreateFileA(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+    return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES && !std::ifstream(path);
 }
 
 // --- start-up -----------------------------------------------------------------------------------
@@ -48,25 +38,22 @@ void make_file(const std::string &path)
 // Attaches and detaches a second copy of the library, which gets the imports of the first one.
 void start_up(const std::string &directory)
 {
-    auto installed = [](HMODULE, char *path, DWORD) {
-        return static_cast<DWORD>(sprintf(path, "C:\\velkora\\tools\\tool.exe"));
-    };
-    let_through("GetModuleFileNameA", +installed);
+    let_through(
+        "GetModuleFileNameA", +[](HMODULE, char *path, DWORD) {
+            return static_cast<DWORD>(sprintf(path, "C:\\velkora\\tools\\tool.exe"));
+        });
     char original[MAX_PATH];
     GetModuleFileNameA(support::thr_module(), original, sizeof original);
-    std::string path = directory + "\\copy.dll";
+    const std::string path = directory + "\\copy.dll";
     CopyFileA(original, path.c_str(), FALSE);
     HMODULE copy = LoadLibraryExA(path.c_str(), nullptr, DONT_RESOLVE_DLL_REFERENCES);
-    std::vector<support::Import> from = support::imports_of(support::thr_module());
-    std::vector<support::Import> to = support::imports_of(copy);
-    for (size_t i = 0; i < to.size(); ++i) {
-        DWORD protection;
-        VirtualProtect(to[i].slot, sizeof(void *), PAGE_READWRITE, &protection);
-        *to[i].slot = *from[i].slot;
-    }
+    const std::vector<support::Import> from = support::imports_of(support::thr_module());
+    const std::vector<support::Import> to = support::imports_of(copy);
+    for (size_t i = 0; i < to.size(); ++i)
+        support::set_slot(to[i].slot, *from[i].slot);
     auto *base = reinterpret_cast<char *>(copy);
-    auto *dos = reinterpret_cast<IMAGE_DOS_HEADER *>(base);
-    auto *headers = reinterpret_cast<IMAGE_NT_HEADERS64 *>(base + dos->e_lfanew);
+    auto *headers = reinterpret_cast<IMAGE_NT_HEADERS64 *>(
+        base + reinterpret_cast<IMAGE_DOS_HEADER *>(base)->e_lfanew);
     auto *entry = reinterpret_cast<BOOL(WINAPI *)(HMODULE, DWORD, void *)>(
         base + headers->OptionalHeader.AddressOfEntryPoint);
     if (result(entry(copy, DLL_PROCESS_ATTACH, nullptr))) {
@@ -81,37 +68,33 @@ void start_up(const std::string &directory)
 
 // A thread of a scenario says that it runs, and goes on when it may.
 struct Worker {
-    HANDLE runs = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    HANDLE may_go_on = CreateEventA(nullptr, TRUE, FALSE, nullptr);
-    HANDLE thread = nullptr;
-    bool calls_exit;
+    std::atomic<HANDLE> thread = nullptr;
+    std::atomic<bool> may_go_on = false;
+    const bool calls_exit;
     bool is_finished = false;
     THR_THREAD_ID id;
 
     explicit Worker(bool exits) : calls_exit(exits)
     {
-        LONG reports = run->reports;
+        const LONG reports = run->reports;
         id = thr_thread_create(work, this, 0);
-        if (run->reports == reports)
-            WaitForSingleObject(runs, LONG_ENOUGH);
+        support::eventually([&] { return thread || run->reports > reports; });
     }
     ~Worker()
     {
-        SetEvent(may_go_on);
+        may_go_on = true;
         if (thread) {
-            must(WaitForSingleObject(thread, LONG_ENOUGH) == WAIT_OBJECT_0, "the thread's end");
-            run->stopped_threads += !is_finished;
+            must(WaitForSingleObject(thread, support::PATIENCE_MS) == 0, "the thread's end");
+            stopped_threads += !is_finished;
+            CloseHandle(thread);
         }
-        for (HANDLE handle : {runs, may_go_on, thread})
-            CloseHandle(handle);
     }
     static void *work(void *argument)
     {
         Worker *self = static_cast<Worker *>(argument);
-        self->thread = OpenThread(SYNCHRONIZE, FALSE, GetCurrentThreadId());
         result(thr_thread_self() != nullptr);
-        SetEvent(self->runs);
-        WaitForSingleObject(self->may_go_on, LONG_ENOUGH);
+        self->thread = OpenThread(SYNCHRONIZE, FALSE, GetCurrentThreadId());
+        support::eventually([self] { return self->may_go_on.load(); });
         self->is_finished = true;
         if (self->calls_exit)
             thr_thread_exit(self);
@@ -123,7 +106,7 @@ void threads(const std::string &)
 {
     for (bool exits : {false, true}) {
         Worker waited(exits);
-        SetEvent(waited.may_go_on);
+        waited.may_go_on = true;
         must(thr_thread_wait(waited.id) == &waited || run->reports, "the exit value");
     }
     thr_thread_detach(Worker(false).id);
@@ -134,18 +117,14 @@ void threads(const std::string &)
         thr_thread_var_get(&variable);
         result(thr_thread_var_destroy(&variable) == 0);
     }
-    thr_get_cpu_affinity_mask();
-    thr_set_thread_affinity_mask(~uintptr_t(0));
+    thr_set_thread_affinity_mask(thr_get_cpu_affinity_mask());
     thr_rename_thread("sweep");
 }
 
 void locks(const std::string &)
 {
     THR_MUTEX_OBJ mutex;
-    {
-        THR_SCOPED_MUTEX guard(mutex);
-        THR_SCOPED_MUTEX again(mutex);
-    }
+    (void)THR_SCOPED_MUTEX(mutex);
     THR_EVENT_OBJ event;
     event.post();
     result(event.is_posted());
@@ -153,26 +132,21 @@ void locks(const std::string &)
     event.pulse();
     event.reset();
     THR_READ_WRITE_SEMAPHORE semaphore;
-    {
-        THR_SCOPED_READ_LOCK reader(semaphore);
-        must(!semaphore.try_write_lock(), "no writer beside a reader");
-    }
-    {
-        THR_SCOPED_WRITE_LOCK writer(semaphore);
-        must(!semaphore.try_read_lock(), "no reader beside a writer");
-    }
-    must(semaphore.try_read_lock(), "a free semaphore");
+    (void)THR_SCOPED_READ_LOCK(semaphore);
+    (void)THR_SCOPED_WRITE_LOCK(semaphore);
+    must(semaphore.try_read_lock() && !semaphore.try_write_lock(), "no writer beside a reader");
     semaphore.read_unlock();
-    must(semaphore.try_write_lock(), "a free semaphore");
+    must(semaphore.try_write_lock() && !semaphore.try_read_lock(), "no reader beside a writer");
     semaphore.write_unlock();
 }
 
 // --- processes ----------------------------------------------------------------------------------
 
-// Echoes a line, and ends with 7.
+// Echoes a line. At the end of its input it ends with 7.
 ROLE(sweep_child)
 {
-    support::say(support::hear().value_or("closed"));
+    while (auto line = support::hear())
+        support::say(*line);
     return 7;
 }
 
@@ -184,71 +158,38 @@ std::string prepared_command()
     return support::role_command("sweep_child");
 }
 
-struct Started {
-    std::string command = prepared_command();
-    void *out = nullptr;
-    void *err = nullptr;
-    void *in = nullptr;
-    void *job = nullptr;
-    void *process = nullptr;
-
-    explicit Started(bool merged)
-    {
-        process = thr_process_create_and_save_job(command.data(), "", &out, merged ? &out : &err,
-                                                  merged ? nullptr : &in, nullptr, &job);
-        result(process && out && (merged || (err && in)));
-    }
-    ~Started()
-    {
-        for (void *handle : {in, err, job})
-            thr_process_close_handle(handle);
-        thr_process_close_pipe(out);
-        if (process) {
-            TerminateProcess(process, 1);
-            must(WaitForSingleObject(process, LONG_ENOUGH) == WAIT_OBJECT_0, "the child's end");
-            CloseHandle(process);
-        }
-    }
-};
-
 void pipes(const std::string &)
 {
-    Started child(false);
-    uint32_t count = 0;
-    char line[16];
-    if (child.err)
-        result(thr_process_peek(child.err, nullptr) == 0);
-    if (child.in)
-        result(thr_process_write(child.in, "echo\n", 5, &count) == 0 && count == 5);
-    thr_process_close_handle(child.in);
-    child.in = nullptr;
-    if (child.out && child.process &&
-        result(thr_process_read(child.out, line, sizeof line, &count) == 0))
-        must(strncmp(line, "echo", 4) == 0 || run->failures, "the child's output");
-    thr_process_status status = {};
-    if (result(thr_process_wait(child.process, &status, 0) > 0)) {
-        must(status.exit_code == 7, "the exit code");
-        child.process = nullptr; // and its handle is closed
-    }
-}
-
-void stopping(const std::string &)
-{
-    thr_process_set_inherit_handles(1);
-    Started child(true);
+    std::string command = prepared_command();
+    void *out = nullptr, *in = nullptr, *job = nullptr;
+    thr_process_set_inherit_handles(1); // of its standard error
+    void *process =
+        thr_process_create_and_save_job(command.data(), "", &out, nullptr, &in, nullptr, &job);
     thr_process_set_inherit_handles(0);
-    thr_process_status status = {0, 9};
-    result(thr_process_wait(child.process, &status, 1) == 0);
-    if (result(thr_process_terminate(child.process, status) == 0))
-        child.process = nullptr;
-    thr_sys_func_delete_msg(thr_sys_func_create_msg());
-    result(thr_process_lower_priority() == 0);
-    SetPriorityClass(GetCurrentProcess(), NORMAL_PRIORITY_CLASS);
+    if (result(process && out && in)) {
+        uint32_t count = 0;
+        char line[16];
+        result(thr_process_peek(out, nullptr) == 0);
+        if (result(thr_process_write(in, "echo\n", 5, &count) == 0 && count == 5) &&
+            result(thr_process_read(out, line, sizeof line, &count) == 0))
+            must(strncmp(line, "echo", 4) == 0, "the child's output");
+        result(thr_process_wait(process, nullptr, 1) == 0);
+    }
+    thr_process_close_pipe(out);
+    thr_process_close_handle(in);
+    thr_process_close_handle(job);
+    if (!result(thr_process_terminate(process, {0, 9}) == 0) && process) {
+        TerminateProcess(process, 1);
+        CloseHandle(process);
+    }
 }
 
 void running(const std::string &)
 {
     result(thr_run(prepared_command().data()) == 7);
+    thr_sys_func_delete_msg(thr_sys_func_create_msg());
+    result(thr_process_lower_priority() == 0);
+    SetPriorityClass(GetCurrentProcess(), NORMAL_PRIORITY_CLASS);
 }
 
 // --- environment and loading --------------------------------------------------------------------
@@ -265,9 +206,9 @@ void environment(const std::string &)
 
 void loading(const std::string &directory)
 {
-    char name[64] = "";
+    char name[64];
     thr_drl_construct_library_name(name, sizeof name - 1, "lib/version.dll");
-    make_file(directory + "/there.dll");
+    std::ofstream{directory + "/there.dll"};
     result(thr_drl_is_loadable((directory + "/there").c_str()) == 1);
     result(thr_drl_is_loadable("version") == 1);
     void *library = thr_drl_load("version");
@@ -291,13 +232,12 @@ int looks_left;
 
 BOOL WINAPI delete_file(const wchar_t *path)
 {
-    auto holder = next_holder;
-    next_holder = NOBODY;
-    if (holder == A_DIRECTORY)
-        CreateDirectoryW(path, nullptr);
-    if (holder != A_FILE)
+    if (next_holder == NOBODY)
         return DeleteFileW(path);
-    CloseHandle(CreateFileW(path, GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
+    if (std::exchange(next_holder, NOBODY) == A_DIRECTORY)
+        CreateDirectoryW(path, nullptr);
+    else
+        CloseHandle(CreateFileW(path, GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
     looks_left = 100;
     SetLastError(ERROR_SHARING_VIOLATION);
     return FALSE;
@@ -318,17 +258,14 @@ void lock_files(const std::string &directory)
     THR_IP_MUTEX relative = thr_ip_mutex_create("relative");
     result(thr_ip_mutex_is_good(relative));
     thr_ip_mutex_destroy(relative);
-    std::string path = directory + "/db";
-    RemoveDirectoryA((path + ".mtx.flock").c_str()); // of a scenario whose process has died
+    const std::string path = directory + "/db", file = path + ".mtx.flock";
+    RemoveDirectoryA(file.c_str()); // of a scenario whose process has died
     auto is_locked = [&](bool success) {
-        must(!result(success) || is_held(path + ".mtx.flock"), "a lock without its file");
+        must(!result(success) || is_held(file), "a lock without its file");
         return success;
     };
     THR_IP_MUTEX_OBJ object(path.c_str());
-    {
-        THR_IP_SCOPED_MUTEX guard(&object);
-        is_locked(guard.was_lock_successful());
-    }
+    is_locked(THR_IP_SCOPED_MUTEX(&object).was_lock_successful());
     THR_IP_MUTEX mutex = thr_ip_mutex_create(path.c_str());
     result(thr_ip_mutex_is_good(mutex));
     if (is_locked(thr_ip_mutex_lock(mutex) == 1)) {
@@ -338,7 +275,7 @@ void lock_files(const std::string &directory)
         next_holder = A_DIRECTORY;
         thr_ip_mutex_unlock(mutex);
         next_holder = NOBODY;
-        RemoveDirectoryA((path + ".mtx.flock").c_str()); // where its removal was refused
+        RemoveDirectoryA(file.c_str()); // where its removal was refused
     }
     if (is_locked(thr_ip_mutex_try_lock(mutex) == 1)) {
         next_holder = A_FILE;
@@ -352,8 +289,8 @@ void lock_files(const std::string &directory)
 
 void ip_semaphore(const std::string &directory)
 {
-    std::string path = directory + "/db";
-    std::string own = path + "." + std::to_string(GetCurrentProcessId());
+    const std::string path = directory + "/db";
+    const std::string own = path + "." + std::to_string(GetCurrentProcessId());
     auto holds = [&](bool reads, bool writes) {
         must(is_held(own + ".rdr.flock") == reads, "the reader's file");
         must(is_held(own + ".wtr.flock") == writes, "the writer's file");
@@ -362,7 +299,7 @@ void ip_semaphore(const std::string &directory)
     };
     try {
         THR_IP_READ_WRITE_SEMAPHORE semaphore(path.c_str());
-        bool reads = result(semaphore.try_read_lock());
+        const bool reads = result(semaphore.try_read_lock());
         holds(reads, false);
         if (reads)
             semaphore.read_unlock();
@@ -372,19 +309,15 @@ void ip_semaphore(const std::string &directory)
         semaphore.write_lock();
         holds(false, true);
         semaphore.write_unlock();
-        make_file(path + ".9.rdr.flock");                 // its reader is gone
+        std::ofstream{path + ".9.rdr.flock"};             // its reader is gone
         holds(false, result(semaphore.try_write_lock())); // held when it goes
-    } catch (const VELKORA_EXCEPTION &) {
-        result(false);
-    }
-    try {
         THR_IP_READ_WRITE_SEMAPHORE none((directory + "/none/db").c_str());
         must(false, "an exception");
     } catch (const VELKORA_EXCEPTION &exception) {
         try {
             VELKORA_ERROR_MESSAGE message("", 0, {});
             message = VELKORA_EXCEPTION(exception).get_errc().get_error_message();
-            must(message[0].m_text.find("/none/db") != std::string::npos, "the message");
+            result(message[0].m_text.find("/none/db") != std::string::npos);
         } catch (const std::bad_alloc &) {
             result(false);
         }
@@ -411,7 +344,7 @@ void named_pipes(const std::string &directory)
         }
         result(server.remove());
     }
-    std::string name = "thr-sweep-" + directory.substr(directory.rfind('\\') + 1);
+    const std::string name = "thr-sweep-" + directory.substr(directory.rfind('\\') + 1);
     THR_NAMED_PIPE named(name.c_str());
     if (result(named.create_r())) {
         THR_NAMED_PIPE client(name.c_str());
@@ -427,7 +360,7 @@ void named_pipes(const std::string &directory)
 
 void pump(const std::string &)
 {
-    UINT number = thr_win32_get_registered_message("thr sweep");
+    const UINT number = thr_win32_get_registered_message("thr sweep");
     result(number != 0);
     auto post = [&] { PostThreadMessageA(GetCurrentThreadId(), number ? number : WM_APP, 0, 0); };
     post();
@@ -446,25 +379,22 @@ void pump(const std::string &)
     thr_qt_process_events();
     must(thr_qt_post_exit_event() == 1, "a post");
     thr_qt_set_process_event_func(nullptr);
-    for (THR_EVENT *event : {&thr_win32_pump_exit_event, &thr_qt_exit_event}) {
-        thr_event_destroy(*event);
-        *event = nullptr;
-    }
+    for (THR_EVENT *event : {&thr_win32_pump_exit_event, &thr_qt_exit_event})
+        thr_event_destroy(std::exchange(*event, nullptr));
 }
 
 } // namespace
 
 const std::vector<Scenario> scenarios = {
-    {"ip_semaphore", ip_semaphore, true, false},
-    {"start_up", start_up, false, false},
-    {"threads", threads, false, false},
-    {"locks", locks, false, false},
-    {"pipes", pipes, true, true},
-    {"stopping", stopping, false, true},
-    {"running", running, true, true},
-    {"environment", environment, false, false},
-    {"loading", loading, false, false},
-    {"lock_files", lock_files, true, false},
-    {"named_pipes", named_pipes, true, false},
-    {"pump", pump, false, false},
+    {"ip_semaphore", ip_semaphore, true},
+    {"start_up", start_up, false},
+    {"threads", threads, false},
+    {"locks", locks, false},
+    {"pipes", pipes, true},
+    {"running", running, true},
+    {"environment", environment, false},
+    {"loading", loading, false},
+    {"lock_files", lock_files, true},
+    {"named_pipes", named_pipes, true},
+    {"pump", pump, false},
 };
