@@ -16,7 +16,7 @@ void act(char action)
     else if (action == 'q')
         thr_process_exit({5, 6});
     else
-        PostThreadMessageA(GetCurrentThreadId(), WM_APP, action, 0);
+        PostThreadMessageA(GetCurrentThreadId(), WM_COMMAND, action, 0);
 }
 
 // Acts, and pumps. Returns the result, the messages that are handled, and, behind a line, what is
