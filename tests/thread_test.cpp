@@ -5,175 +5,143 @@ using namespace support;
 namespace
 {
 
-void *as_value(intptr_t number)
-{
-    return reinterpret_cast<void *>(number);
-}
-
-bool eventually(const std::atomic<bool> &condition)
-{
-    const ULONGLONG deadline = GetTickCount64() + PATIENCE_MS;
-    while (!condition && GetTickCount64() < deadline)
-        Sleep(1);
-    return condition;
-}
-
 // --- one thread's life --------------------------------------------------------------------------
 
-// Where a thread is when its id is given up: in its function, in two steps of its end, at its end;
-// it has none; it is so early that its creator has no handle; or it ends while the other side is
-// just before or after its lock.
-enum Place { RUNS, BEFORE_LOCK, AFTER_UNLOCK, ENDED, NEVER_RAN, EARLY, ENDS_BEFORE, ENDS_AFTER };
+// Where a thread is when its id is given up: so early that its creator has no handle, in its
+// function, in a step of its end, nowhere; or it ends while the other side is just before or after
+// its lock.
+enum Place { EARLY, RUNS, LOCKS, LOCKED, UNLOCKED, ENDED, NEVER_RAN, ENDS_BEFORE, ENDS_AFTER };
 
-enum Ending { WAIT, TERMINATE, DETACH, REFUSED_WAIT };
+// How, and by place what comes of it: the value and release at once, release at once, release at
+// the thread's end, or never. What is '-' would wait for a lock that is held, or takes none.
+enum Ending { WAIT, TERMINATE, DETACH, REFUSED_WAIT, REFUSED_TERMINATE };
+const char *const OUTCOMES[] = {"vvv-vv0--", "nnnn000--", "eee-00000", "eee-vv0v0", "eee-00000"};
 
 struct Life {
-    const Ending ending = WAIT;
-    const Place place = RUNS;
+    const Ending ending;
+    const Place place;
+    const bool exits;             // by thr_thread_exit()
     THR_THREAD_ID self = nullptr; // as the thread sees it
     HANDLE thread = nullptr;      // the test's own
     HANDLE created = nullptr;     // the library's
     void *value = nullptr;
     std::thread other{};
     std::atomic<DWORD> os_id{0};
-    std::atomic<bool> has_arrived{false}, may_go_on{false}, is_given_up{false}, has_moved{false};
+    std::atomic<bool> has_arrived{false}, may_go_on{false}, gives_up{false}, is_given_up{false};
 
+    Recorder reports{};
+    Gate allocations{"malloc"}, releases{"free"}, sleep{"Sleep"};
+    Gate wait{Refusal{"WaitForSingleObject", ending == REFUSED_WAIT ? 1 : 0, WAIT_ABANDONED, 0}};
+    Gate terminate{Refusal{"TerminateThread", ending == REFUSED_TERMINATE ? 1 : 0, FALSE, 5}};
+    Gate create{"CreateThread", [this](const Call &call) { return start(call); }};
+    Gate enter{"EnterCriticalSection", [this](const Call &call) {
+                   meet(LOCKS, ENDS_BEFORE);
+                   call.go_on();
+                   meet(LOCKED, LOCKED);
+                   return 0;
+               }};
+    Gate leave{"LeaveCriticalSection", [this](const Call &call) {
+                   call.go_on();
+                   meet(UNLOCKED, ENDS_AFTER);
+                   return 0;
+               }};
+
+    LONG blocks() const { return allocations.calls() - releases.calls(); }
+
+    // Early, another thread gives the id up, or waits for the creator.
+    intptr_t start(const Call &call)
+    {
+        EXPECT_TRUE(call.args[1] == 8 << 20 && call.arg<DWORD>(4) == 0) << "the stack and no flags";
+        if (place != NEVER_RAN)
+            created = reinterpret_cast<HANDLE>(call.go_on());
+        if (place == EARLY) {
+            EXPECT_TRUE(eventually([this] { return has_arrived.load(); }));
+            other = std::thread([this] { give_up(self); });
+            EXPECT_TRUE(eventually([this] { return sleep.calls() || is_given_up; }));
+        }
+        return reinterpret_cast<intptr_t>(created);
+    }
+    // The thread stops at its place, or comes to its very end at that of who gives it up.
+    void meet(Place of_thread, Place of_other)
+    {
+        if (GetCurrentThreadId() != os_id) {
+            if (place == of_other && gives_up && thread)
+                end();
+        } else if (place == of_thread && !has_arrived) {
+            EXPECT_EQ(thr_thread_self(), of_thread == UNLOCKED ? nullptr : self);
+            stop();
+        }
+    }
     void stop()
     {
         has_arrived = true;
-        eventually(may_go_on);
+        EXPECT_TRUE(eventually([this] { return may_go_on.load(); }));
     }
-    void end() // to its very end
+    void end()
     {
-        DWORD status = 1;
         may_go_on = true;
         EXPECT_EQ(WaitForSingleObject(thread, PATIENCE_MS), WAIT_OBJECT_0);
-        EXPECT_TRUE(GetExitCodeThread(thread, &status) && status == 0);
         CloseHandle(std::exchange(thread, nullptr));
     }
-    void give_up(THR_THREAD_ID given)
+    void *live()
     {
-        Gate gate(Refusal{"WaitForSingleObject", ending == REFUSED_WAIT ? EVERY : 0, WAIT_ABANDONED,
-                          ERROR_SUCCESS});
-        is_given_up = true;
-        if (ending == TERMINATE)
-            thr_thread_terminate_and_possibly_crash(given);
-        else if (ending == DETACH)
-            thr_thread_detach(given);
+        self = thr_thread_self();
+        os_id = GetCurrentThreadId();
+        thread = OpenThread(SYNCHRONIZE, FALSE, os_id);
+        if (place != LOCKS && place != LOCKED && place != UNLOCKED)
+            stop();
+        if (exits)
+            thr_thread_exit(this);
+        return this;
+    }
+    void give_up(THR_THREAD_ID id)
+    {
+        gives_up = true;
+        if (ending == DETACH)
+            thr_thread_detach(id);
+        else if (ending == TERMINATE || ending == REFUSED_TERMINATE)
+            thr_thread_terminate_and_possibly_crash(id);
         else
-            value = thr_thread_wait(given);
-        has_moved = true;
+            value = thr_thread_wait(id);
+        is_given_up = true;
     }
-} * life;
-
-// Early, another thread gives the id up, or waits for the creator.
-intptr_t create_thread(const Call &call)
-{
-    EXPECT_TRUE(call.args[1] == 8 << 20 && call.arg<DWORD>(4) == 0) << "the stack and no flags";
-    if (life->place != NEVER_RAN)
-        life->created = reinterpret_cast<HANDLE>(call.go_on());
-    if (life->place == EARLY) {
-        EXPECT_TRUE(eventually(life->has_arrived));
-        life->other = std::thread([] { life->give_up(life->self); });
-        EXPECT_TRUE(eventually(life->has_moved));
+    void run()
+    {
+        auto func = [](void *life) { return static_cast<Life *>(life)->live(); };
+        THR_THREAD_ID id = thr_thread_create(func, this, 8 << 20);
+        const bool has_run = place != NEVER_RAN;
+        EXPECT_TRUE(!has_run || (eventually([this] { return has_arrived.load(); }) && self == id));
+        if (place == ENDED)
+            end();
+        const bool is_finished = place >= UNLOCKED && place <= NEVER_RAN;
+        EXPECT_TRUE(place == EARLY || thr_thread_is_running(id) == !is_finished);
+        EXPECT_TRUE(place == EARLY || blocks() == 2) << "the record and its mutex";
+        may_go_on = ending == WAIT;
+        place == EARLY ? other.join() : give_up(id);
+        const char outcome = OUTCOMES[ending][place];
+        EXPECT_EQ(value, outcome == 'v' ? this : nullptr);
+        EXPECT_EQ(blocks(), outcome == 'v' || outcome == '0' ? 0 : 2);
+        EXPECT_EQ(GetThreadId(created), 0u) << "closed; may be another thing's by now";
+        if (thread)
+            end();
+        EXPECT_EQ(blocks(), outcome == 'n' ? 2 : 0);
     }
-    return reinterpret_cast<intptr_t>(life->created);
-}
-
-// Before a lock or after an unlock, of the thread or of who gives it up.
-void at_section(Place of_thread, Place of_other)
-{
-    if (GetCurrentThreadId() != life->os_id) {
-        if (life->place == of_other && life->is_given_up && life->thread)
-            life->end();
-    } else if (life->place == of_thread && !life->has_arrived) {
-        EXPECT_EQ(thr_thread_self(), of_thread == AFTER_UNLOCK ? nullptr : life->self);
-        life->stop();
-    }
-}
-
-void *live(void *)
-{
-    life->self = thr_thread_self();
-    life->os_id = GetCurrentThreadId();
-    life->thread = OpenThread(SYNCHRONIZE | THREAD_QUERY_INFORMATION, FALSE, life->os_id);
-    if (life->place != BEFORE_LOCK && life->place != AFTER_UNLOCK)
-        life->stop();
-    return as_value(42);
-}
-
-void *live_and_exit(void *)
-{
-    thr_thread_exit(live(nullptr));
-}
-
-void live_through(Ending ending, Place place, THR_THREAD_FUNC func)
-{
-    Gate allocations("malloc"), releases("free");
-    auto blocks = [&] { return allocations.calls() - releases.calls(); };
-    Recorder reports;
-    Life lived{ending, place};
-    life = &lived;
-    THR_THREAD_ID id = thr_thread_create(func, nullptr, 8 << 20);
-    const bool has_run = place != NEVER_RAN;
-    EXPECT_TRUE(!has_run || (eventually(life->has_arrived) && life->self == id));
-    if (place == ENDED)
-        life->end();
-    const bool is_finished = place == AFTER_UNLOCK || place == ENDED || !has_run;
-    EXPECT_TRUE(place == EARLY || thr_thread_is_running(id) == !is_finished);
-    EXPECT_TRUE(place == EARLY || blocks() == 2) << "the record and its mutex";
-    life->may_go_on = ending == WAIT;
-    if (place == EARLY)
-        life->other.join();
-    else
-        life->give_up(id);
-    const bool has_value =
-        ending == WAIT || (ending == REFUSED_WAIT && (is_finished || place == ENDS_BEFORE));
-    EXPECT_EQ(life->value, as_value(has_value && has_run ? 42 : 0));
-    EXPECT_EQ(GetThreadId(life->created), 0u) << "closed; may be another thing's by now";
-    const bool is_released = is_finished || ending == WAIT || place >= ENDS_BEFORE;
-    EXPECT_EQ(blocks(), is_released ? 0 : 2);
-    if (life->thread)
-        life->end();
-    EXPECT_EQ(blocks(), !is_released && ending == TERMINATE ? 2 : 0) << "at its end";
-    // whether an ended thread can be terminated is the system's choice
-    const bool is_refused = ending == REFUSED_WAIT || !has_run;
-    EXPECT_TRUE(reports.take().empty() != is_refused || ending == TERMINATE);
-}
+};
 
 TEST(Thread, IsReleasedExactlyOnceHoweverItEnds)
 {
-    auto enter = [](const Call &call) {
-        at_section(BEFORE_LOCK, ENDS_BEFORE);
-        return call.go_on();
-    };
-    auto leave = [](const Call &call) {
-        call.go_on();
-        at_section(AFTER_UNLOCK, ENDS_AFTER);
-        return intptr_t(0);
-    };
-    auto sleep = [](const Call &call) {
-        life->has_moved = true;
-        return call.go_on();
-    };
-    Gate gates[] = {Gate("CreateThread", create_thread), Gate("EnterCriticalSection", enter),
-                    Gate("LeaveCriticalSection", leave), Gate("Sleep", sleep)};
-    for (Ending ending : {WAIT, TERMINATE, DETACH, REFUSED_WAIT}) {
-        for (Place place :
-             {RUNS, BEFORE_LOCK, AFTER_UNLOCK, ENDED, NEVER_RAN, EARLY, ENDS_BEFORE, ENDS_AFTER}) {
-            if (HasFailure() || (place >= ENDS_BEFORE && ending <= TERMINATE))
-                continue; // the first two take no lock
-            SCOPED_TRACE(testing::Message() << "ending " << ending << ", place " << place);
-            live_through(ending, place, live);
-            live_through(ending, place, live_and_exit);
-        }
+    for (int i = 0; i < 5 * 9 * 2 && !HasFailure(); i++) {
+        const int ending = i / 18, place = i / 2 % 9;
+        SCOPED_TRACE(testing::Message() << "ending " << ending << ", place " << place);
+        if (OUTCOMES[ending][place] != '-')
+            Life{Ending(ending), Place(place), i % 2 == 0}.run();
     }
 }
 
 // --- wrappers -----------------------------------------------------------------------------------
 
 // A wrapper stays for the life of the process, so the chain is built in a process of its own. The
-// story has a letter for what runs, and the value that comes out.
+// story has a letter for what runs.
 THR_THREAD_WRAPPER *next_of; // has a page of its own
 std::string story;
 
@@ -187,13 +155,8 @@ template <int index> void *wrapper(THR_THREAD_FUNC func, void *arg)
 
 void *tell(void *arg)
 {
-    story += thr_thread_self() ? 'f' : '0';
+    story += 'f';
     return arg;
-}
-
-void tell_value(void *value)
-{
-    story += std::to_string(reinterpret_cast<intptr_t>(value)) + " ";
 }
 
 // Runs the chain in the moment before a registration fills the wrapper's slot.
@@ -204,7 +167,7 @@ LONG CALLBACK run_before_write(EXCEPTION_POINTERS *exception)
         VirtualProtect(next_of, 1, PAGE_READWRITE, &before);
     if (before != PAGE_READONLY)
         return EXCEPTION_CONTINUE_SEARCH;
-    tell_value(thr_thread_wrapper(tell, as_value(1)));
+    thr_thread_wrapper(tell, nullptr);
     return EXCEPTION_CONTINUE_EXECUTION;
 }
 
@@ -213,107 +176,106 @@ void build_chain()
     AddVectoredExceptionHandler(1, run_before_write);
     next_of = static_cast<THR_THREAD_WRAPPER *>(
         VirtualAlloc(nullptr, 1, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
-    for (int index : {0, 1}) {
+    for (THR_THREAD_WRAPPER added : {wrapper<0>, wrapper<1>}) {
         DWORD before;
         VirtualProtect(next_of, 1, PAGE_READONLY, &before);
-        thr_thread_set_next_wrapper_func(index ? wrapper<1> : wrapper<0>, &next_of[index]);
+        thr_thread_set_next_wrapper_func(added, &next_of[added == wrapper<1>]);
     }
-    auto end_with = [](void *arg) -> void * { thr_thread_exit(arg); };
-    tell_value(thr_thread_wait(thr_thread_create(tell, as_value(5), 0)));
-    tell_value(thr_thread_wait(thr_thread_create(end_with, as_value(6), 0)));
-    std::thread([] { tell_value(thr_thread_wrapper(tell, as_value(7))); }).join();
+    thr_thread_wait(thr_thread_create(tell, nullptr, 0));
     fputs(story.c_str(), stderr);
     thr_thread_set_next_wrapper_func(wrapper<0>, next_of);
 }
 
-TEST(ThreadWrapperDeathTest, ChainRunsInTheOrderOfRegistrationAndIsWholeAtAnyTime)
+// Its function is done then, and its id that of none.
+void wait_for_itself_at_its_end()
 {
-    // During the registrations; after them, to a thread's end and to thr_thread_exit(); on a
-    // foreign thread; and a wrapper that is registered again.
-    EXPECT_EXIT(build_chain(), testing::ExitedWithCode(-1),
-                "^f1 Afa1 ABfba5 AB6 AB0ba7 Internal Error.*\n\\*next_wrapper_func_ptr == 0\n$");
-}
-
-// A worker's report ends the process although an object of the host waits for that worker then.
-void report_on_a_worker_that_is_joined_at_exit()
-{
-    static THR_THREAD_ID worker;
-    atexit([] { thr_thread_wait(worker); });
-    auto break_precondition = [](void *) -> void * {
-        worker = thr_thread_self();
-        thr_mutex_lock(nullptr);
-        return nullptr;
+    static THR_THREAD_ID self;
+    Gate end("ExitThread", [](const Call &) { return thr_thread_wait(self) ? 1 : 0; });
+    auto func = [](void *) -> void * {
+        self = thr_thread_self();
+        thr_thread_exit(nullptr);
     };
-    (void)thr_thread_create(break_precondition, nullptr, 0);
+    (void)thr_thread_create(func, nullptr, 0);
     Sleep(PATIENCE_MS);
-    TerminateProcess(GetCurrentProcess(), 3);
 }
 
-TEST(ThreadDeathTest, ThatEndsTheMainThreadOrWaitsForItselfEndsTheProcess)
+TEST(ThreadDeathTest, WrappersRunInTheirOrderAndAreWholeAtAnyTime)
 {
+    // During the two registrations, and after them; and a wrapper that is registered again.
+    EXPECT_EXIT(build_chain(), testing::ExitedWithCode(-1),
+                "^fAfaABfbaInternal Error.*\n\\*next_wrapper_func_ptr == 0\n$");
+}
+
+TEST(ThreadDeathTest, WaitingForItselfOrForTheMainThreadEndsTheProcess)
+{
+    const std::string own = "thread_id != thr_thread_self()";
     EXPECT_INTERNAL_ERROR(thr_thread_exit(nullptr), "mutex != 0", "thr_mutex");
-    EXPECT_EXIT(report_on_a_worker_that_is_joined_at_exit(), testing::ExitedWithCode(-1),
-                "\nthread_id != thr_thread_self\\(\\)\n$");
+    EXPECT_INTERNAL_ERROR(thr_thread_wait(THR_THREAD_MAIN_ID), own, "thr_thread");
+    EXPECT_INTERNAL_ERROR(wait_for_itself_at_its_end(), own, "thr_thread");
+    EXPECT_EXIT(std::thread(thr_thread_wait, THR_THREAD_MAIN_ID).join(),
+                testing::ExitedWithCode(-1), "could not shut down a thread");
 }
 
 // --- the system, names --------------------------------------------------------------------------
 
-TEST(System, IsAskedForTimeAndProcessors)
+TEST(System, IsAskedForTimeProcessorsAndVariables)
 {
-    std::vector<DWORD> asked;
+    std::vector<intptr_t> asked;
     auto note = [&](const Call &call) {
         asked.push_back(call.arg<DWORD>(0));
         return intptr_t(0xFFFFFFF7);
     };
-    Gate gates[] = {Gate("Sleep", note), Gate("GetTickCount", note)};
+    auto processors = [&](const Call &call) {
+        *call.arg<DWORD_PTR *>(1) = 6;
+        return *call.arg<DWORD_PTR *>(2) = 15; // of the system
+    };
+    auto set = [&](const Call &call) {
+        asked.insert(asked.end(), call.args, call.args + 2);
+        return TRUE;
+    };
+    Gate gates[] = {Gate("Sleep", note), Gate("GetTickCount", note),
+                    Gate("GetProcessAffinityMask", processors), Gate("SetThreadAffinityMask", set),
+                    Gate(Refusal{"TlsAlloc", 1, intptr_t(TLS_OUT_OF_INDEXES), 8})};
     thr_sleep(3);
     thr_sleep(4294968);
     thr_msleep(7);
-    EXPECT_EQ(asked, (std::vector<DWORD>{3000, 704, 7}));
+    thr_set_thread_affinity_mask(10);
+    const intptr_t current = reinterpret_cast<intptr_t>(GetCurrentThread());
+    EXPECT_EQ(asked, (std::vector<intptr_t>{3000, 704, 7, current, 2}));
+    EXPECT_EQ(thr_get_cpu_affinity_mask(), 6u);
     EXPECT_EQ(thr_get_tick_count(), 0xFFFFFFF7);
     EXPECT_EQ(thr_getpid(), static_cast<int>(GetCurrentProcessId()));
-    DWORD_PTR all = 0, system = 0;
-    EXPECT_TRUE(GetProcessAffinityMask(GetCurrentProcess(), &all, &system));
-    EXPECT_EQ(thr_get_cpu_affinity_mask(), all);
-    Gate affinity("SetThreadAffinityMask", [&](const Call &call) {
-        EXPECT_EQ(call.arg<HANDLE>(0), GetCurrentThread());
-        EXPECT_EQ(call.arg<DWORD_PTR>(1), all & (0 - all));
-        return 1;
-    });
-    thr_set_thread_affinity_mask((all & (0 - all)) | ~all);
-    EXPECT_EQ(affinity.calls(), 1);
+    THR_THREAD_VAR variable = 5000; // which is none
+    EXPECT_EQ(thr_thread_var_set(&variable, nullptr), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(thr_thread_var_destroy(&variable), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(thr_thread_var_init(&variable), 8);
+    EXPECT_TRUE(thr_thread_var_init(&variable) == 0 && thr_thread_var_set(&variable, &asked) == 0);
+    EXPECT_EQ(thr_thread_var_destroy(&variable), 0);
 }
 
-std::string name_seen;
+// The naming record as the host sees it. It answers no exception, and the runtime's own handler does
+// not get to know this one.
+std::string seen;
 
-// The host's. It answers no exception, and the runtime's own handler does not get to know this one.
 LONG CALLBACK see_name(EXCEPTION_POINTERS *exception)
 {
     EXCEPTION_RECORD &record = *exception->ExceptionRecord;
     if (record.ExceptionCode == 0x406D1388) {
-        EXPECT_TRUE(record.ExceptionFlags == 0 && record.NumberParameters == 3);
-        EXPECT_EQ(record.ExceptionInformation[0], 0x1000u) << "whole";
-        EXPECT_EQ(record.ExceptionInformation[2], 0xFFFFFFFFu) << "the id, and above it the flags";
-        name_seen += reinterpret_cast<char *>(record.ExceptionInformation[1]);
+        const ULONG_PTR *words = record.ExceptionInformation; // the type, and the id with the flags
+        EXPECT_TRUE(record.ExceptionFlags == 0 && record.NumberParameters == 3 &&
+                    words[0] == 0x1000 && words[2] == 0xFFFFFFFF);
+        seen += reinterpret_cast<const char *>(words[1]);
         record.ExceptionCode = 1;
     }
     return EXCEPTION_CONTINUE_SEARCH;
 }
 
-__attribute__((noinline)) void dirty_the_stack()
-{
-    volatile char dirt[4096];
-    for (volatile char &byte : dirt)
-        byte = -1;
-}
-
 TEST(Rename, RaisesTheNamingRecordForTheHostToSee)
 {
     void *handler = AddVectoredExceptionHandler(1, see_name);
-    dirty_the_stack();
     thr_rename_thread("worker of the test");
     RemoveVectoredExceptionHandler(handler);
-    EXPECT_EQ(name_seen, "worker of the test");
+    EXPECT_EQ(seen, "worker of the test");
 }
 
 } // namespace
