@@ -43,17 +43,17 @@ namespace
 {
 
 const Rule RULES[] = {
-    {" FindNextFileW FormatMessageA GetComputerNameExA GetConsoleMode GetCurrentDirectoryW "
-     "GetEnvironmentVariableW GetExitCodeProcess GetFullPathNameW GetModuleFileNameA "
-     "GetModuleHandleA GetProcAddress GetProcessAffinityMask GetProcessId MultiByteToWideChar "
-     "PeekNamedPipe QueryInformationJobObject SearchPathA WideCharToMultiByte malloc ",
+    {" FindNextFileW FormatMessageA GetComputerNameExA GetConsoleMode GetEnvironmentVariableW "
+     "GetExitCodeProcess GetFullPathNameW GetModuleFileNameA GetModuleHandleA GetProcAddress "
+     "GetProcessAffinityMask GetProcessId MultiByteToWideChar PeekNamedPipe "
+     "QueryInformationJobObject SearchPathA WideCharToMultiByte malloc ",
      Rule::ANSWERS, 0, ERROR_NOT_ENOUGH_MEMORY, true},
     {" AssignProcessToJobObject ConnectNamedPipe CreateEventA CreateJobObjectA CreateMutexA "
      "CreatePipe CreateProcessA CreateThread DeleteFileW DisconnectNamedPipe DuplicateHandle "
-     "FlushFileBuffers LoadLibraryA MoveFileW OpenJobObjectA OpenProcess PeekMessageA PulseEvent "
-     "ReadFile RegisterWindowMessageA RemoveDirectoryW ResetEvent SetCurrentDirectoryW "
-     "SetDllDirectoryA SetEvent SetInformationJobObject SetPriorityClass SetThreadAffinityMask "
-     "TerminateProcess TerminateThread TlsSetValue WaitNamedPipeA WriteFile ",
+     "FlushFileBuffers GetCurrentDirectoryW LoadLibraryA MoveFileW OpenJobObjectA OpenProcess "
+     "PeekMessageA PulseEvent ReadFile RegisterWindowMessageA RemoveDirectoryW ResetEvent "
+     "SetCurrentDirectoryW SetDllDirectoryA SetEvent SetInformationJobObject SetPriorityClass "
+     "SetThreadAffinityMask TerminateProcess TerminateThread TlsSetValue WaitNamedPipeA WriteFile ",
      Rule::ANSWERS, 0, ERROR_NOT_ENOUGH_MEMORY, false},
     {" FindFirstFileW GetFileAttributesW GetStdHandle _fstat64 _time64 ", Rule::ANSWERS, -1,
      ERROR_NOT_ENOUGH_MEMORY, true},
@@ -211,20 +211,6 @@ void tell(const std::string &from, const std::string &message)
     InterlockedIncrement(&run->reports);
 }
 
-void hook(const char *message, const char *sub_system, const char *file, int line)
-{
-    must(*message && strcmp(sub_system, "THR") == 0 && strncmp(file, "thr/", 4) == 0 && line > 0,
-         "a part of a report is missing");
-    tell(file, message);
-}
-
-void debug_hook(const char *, const char *format, va_list args)
-{
-    char message[65536];
-    vsnprintf(message, sizeof message, format, args);
-    tell("debug", message);
-}
-
 // Empties the folder of what nobody holds open, and sees what may not have been there: lock files,
 // but for those that a refused removal left or that a scenario made. A file that was renamed to be
 // removed stays when its process dies between; nobody waits for it.
@@ -324,11 +310,6 @@ void make(Run &step)
         act(again);
     run = &step;
     must(!*again.fault, again.fault);
-    // A start's first block is the C runtime's, for the list of what is to be done at the end.
-    const bool keeps_block =
-        scenario->name == std::string("start_up") && gates[step.gate].name == "malloc";
-    const char *left = keeps_block ? nullptr : left_over();
-    must(!left, left);
 }
 
 void watch_operations()
@@ -367,8 +348,14 @@ ROLE(sweep)
     scenario = &scenarios[std::stoi(args[0])];
     directory = args[1];
     account = shared_account(args[2]);
-    thr_set_report_func(hook);
-    thr_set_debug_func(debug_hook, 0);
+    thr_set_report_func(report_hook);
+    thr_set_debug_func(
+        [](const char *, const char *format, va_list values) {
+            char message[65536];
+            vsnprintf(message, sizeof message, format, values);
+            tell("debug", message);
+        },
+        0);
     atexit([] { start_run(*new Run()); }); // a coverage build writes its counters after this
     if (account->plan[account->next].is_first) {
         act(account->plan[account->next++]);
@@ -384,15 +371,25 @@ ROLE(sweep)
     while (account->next < account->steps) {
         Run &step = account->plan[account->next++];
         make(step);
+        // A start's first block is the C runtime's, for the list of what is to be done at the end.
+        const bool keeps_block =
+            scenario->name == std::string("start_up") && gates[step.gate].name == "malloc";
+        const char *left = keeps_block ? nullptr : left_over();
+        must(!left, left);
         step.is_first = step.how != ONWARDS && !*step.operation;
         account->next -= step.is_first;
-        if (step.is_first || *step.fault)
+        if (step.is_first || *step.fault || keeps_block)
             break; // to the next process
     }
     return 0;
 }
 
 } // namespace
+
+void report_hook(const char *message, const char *, const char *file, int)
+{
+    tell(file, message);
+}
 
 Account *shared_account(const std::string &name)
 {

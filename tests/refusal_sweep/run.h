@@ -39,6 +39,9 @@ extern int stopped_threads; // whose records stay allocated
 // What holds, else it is the run's fault.
 void must(bool holds, const char *what);
 
+// Keeps what it is told, for the run.
+void report_hook(const char *message, const char *sub_system, const char *file, int line);
+
 struct Scenario {
     const char *name;
     void (*act)(const std::string &directory); // an empty one

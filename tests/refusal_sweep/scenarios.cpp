@@ -56,9 +56,12 @@ void start_up(const std::string &directory)
         base + reinterpret_cast<IMAGE_DOS_HEADER *>(base)->e_lfanew);
     auto *entry = reinterpret_cast<BOOL(WINAPI *)(HMODULE, DWORD, void *)>(
         base + headers->OptionalHeader.AddressOfEntryPoint);
+    auto function = [&](auto *as, const char *name) {
+        return reinterpret_cast<decltype(as)>(reinterpret_cast<void *>(GetProcAddress(copy, name)));
+    };
+    function(thr_set_report_func, "thr_set_report_func")(report_hook);
     if (result(entry(copy, DLL_PROCESS_ATTACH, nullptr))) {
-        void *self = reinterpret_cast<void *>(GetProcAddress(copy, "thr_thread_self"));
-        must(reinterpret_cast<decltype(&thr_thread_self)>(self)(), "the main thread's id");
+        must(function(thr_thread_self, "thr_thread_self")(), "the main thread's id");
         entry(copy, DLL_PROCESS_DETACH, nullptr);
     }
     FreeLibrary(copy);
@@ -113,6 +116,7 @@ void threads(const std::string &)
     thr_thread_terminate_and_possibly_crash(Worker(false).id);
     THR_THREAD_VAR variable;
     if (result(thr_thread_var_init(&variable) == 0)) {
+        must(variable != TLS_OUT_OF_INDEXES, "a slot");
         result(thr_thread_var_set(&variable, &variable) == 0);
         thr_thread_var_get(&variable);
         result(thr_thread_var_destroy(&variable) == 0);
