@@ -148,9 +148,7 @@ std::string story;
 template <int index> void *wrapper(THR_THREAD_FUNC func, void *arg)
 {
     story += "AB"[index];
-    void *value = next_of[index](func, arg);
-    story += "ab"[index];
-    return value;
+    return next_of[index](func, arg);
 }
 
 void *tell(void *arg)
@@ -159,21 +157,18 @@ void *tell(void *arg)
     return arg;
 }
 
-// Runs the chain in the moment before a registration fills the wrapper's slot.
-LONG CALLBACK run_before_write(EXCEPTION_POINTERS *exception)
-{
-    DWORD before = 0;
-    if (exception->ExceptionRecord->ExceptionCode == EXCEPTION_ACCESS_VIOLATION)
-        VirtualProtect(next_of, 1, PAGE_READWRITE, &before);
-    if (before != PAGE_READONLY)
-        return EXCEPTION_CONTINUE_SEARCH;
-    thr_thread_wrapper(tell, nullptr);
-    return EXCEPTION_CONTINUE_EXECUTION;
-}
-
 void build_chain()
 {
-    AddVectoredExceptionHandler(1, run_before_write);
+    // Runs the chain in the moment before a registration fills the wrapper's slot.
+    AddVectoredExceptionHandler(1, [](EXCEPTION_POINTERS *exception) -> LONG {
+        DWORD before = 0;
+        if (exception->ExceptionRecord->ExceptionCode == EXCEPTION_ACCESS_VIOLATION)
+            VirtualProtect(next_of, 1, PAGE_READWRITE, &before);
+        if (before != PAGE_READONLY)
+            return EXCEPTION_CONTINUE_SEARCH;
+        thr_thread_wrapper(tell, nullptr);
+        return EXCEPTION_CONTINUE_EXECUTION;
+    });
     next_of = static_cast<THR_THREAD_WRAPPER *>(
         VirtualAlloc(nullptr, 1, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
     for (THR_THREAD_WRAPPER added : {wrapper<0>, wrapper<1>}) {
@@ -203,7 +198,7 @@ TEST(ThreadDeathTest, WrappersRunInTheirOrderAndAreWholeAtAnyTime)
 {
     // During the two registrations, and after them; and a wrapper that is registered again.
     EXPECT_EXIT(build_chain(), testing::ExitedWithCode(-1),
-                "^fAfaABfbaInternal Error.*\n\\*next_wrapper_func_ptr == 0\n$");
+                "^fAfABfInternal Error.*\n\\*next_wrapper_func_ptr == 0\n$");
 }
 
 TEST(ThreadDeathTest, WaitingForItselfOrForTheMainThreadEndsTheProcess)
@@ -253,26 +248,21 @@ TEST(System, IsAskedForTimeProcessorsAndVariables)
     EXPECT_EQ(thr_thread_var_destroy(&variable), 0);
 }
 
-// The naming record as the host sees it. It answers no exception, and the runtime's own handler does
-// not get to know this one.
-std::string seen;
-
-LONG CALLBACK see_name(EXCEPTION_POINTERS *exception)
-{
-    EXCEPTION_RECORD &record = *exception->ExceptionRecord;
-    if (record.ExceptionCode == 0x406D1388) {
-        const ULONG_PTR *words = record.ExceptionInformation; // the type, and the id with the flags
-        EXPECT_TRUE(record.ExceptionFlags == 0 && record.NumberParameters == 3 &&
-                    words[0] == 0x1000 && words[2] == 0xFFFFFFFF);
-        seen += reinterpret_cast<const char *>(words[1]);
-        record.ExceptionCode = 1;
-    }
-    return EXCEPTION_CONTINUE_SEARCH;
-}
-
 TEST(Rename, RaisesTheNamingRecordForTheHostToSee)
 {
-    void *handler = AddVectoredExceptionHandler(1, see_name);
+    // The host's answers no exception, and the runtime's own handler does not get to know this one.
+    static std::string seen;
+    void *handler = AddVectoredExceptionHandler(1, [](EXCEPTION_POINTERS *exception) -> LONG {
+        EXCEPTION_RECORD &record = *exception->ExceptionRecord;
+        if (record.ExceptionCode == 0x406D1388) {
+            const ULONG_PTR *words = record.ExceptionInformation; // type, name, id with flags
+            EXPECT_TRUE(record.ExceptionFlags == 0 && record.NumberParameters == 3 &&
+                        words[0] == 0x1000 && words[2] == 0xFFFFFFFF);
+            seen += reinterpret_cast<const char *>(words[1]);
+            record.ExceptionCode = 1;
+        }
+        return EXCEPTION_CONTINUE_SEARCH;
+    });
     thr_rename_thread("worker of the test");
     RemoveVectoredExceptionHandler(handler);
     EXPECT_EQ(seen, "worker of the test");
