@@ -220,7 +220,12 @@ TEST(LockFilePath, IsAbsoluteAndLeavesTheCurrentDirectory)
     std::thread other(resolve); // two threads do not meet in each other's directories
     resolve();
     other.join();
-    EXPECT_EQ(current_path(), here);
+    // In the directory where it is, and on the way back.
+    for (const char *refused : {"GetCurrentDirectoryW", "SetCurrentDirectoryW"}) {
+        EXPECT_EQ(current_path(), here);
+        Gate refusing(Refusal{refused, 2, 0, ERROR_ACCESS_DENIED});
+        EXPECT_FALSE(thr_ip_lock_file_path("../x/db"));
+    }
     current_path(before);
 }
 
