@@ -2,7 +2,6 @@
 // children are this program in a role.
 #include "support/test.h"
 
-
 using namespace support;
 
 namespace
