@@ -65,7 +65,9 @@ TEST(Open, TurnsFlagsIntoASystemCallUnderAMutexNamedByThePath)
         {_O_RDWR | _O_NOINHERIT | _O_CREAT | _O_EXCL | _O_RANDOM, 0333, "c0010000 7 1 10000081 0"},
         {_O_WRONLY | _O_CREAT | _O_TRUNC | _O_SEQUENTIAL, 0040, "40010000 7 2 8000080 1"},
         {_O_WRONLY | _O_CREAT | _O_APPEND, 0004, "40010000 7 4 80 1"},
-        {_O_WRONLY | _O_TRUNC | _O_APPEND | _O_U8TEXT, 0600, "c0010000 7 5 80 1"}};
+        {_O_WRONLY | _O_TRUNC | _O_APPEND | _O_U8TEXT, 0600, "c0010000 7 5 80 1"},
+        {3 | _O_EXCL | _O_TRUNC, 0600, "0 7 5 80 1"}};
+    testing::internal::CaptureStderr();
     for (const auto &[flags, mode, expected] : cases) {
         std::ostringstream made;
         Gate create("CreateFileW", [&](const Call &call) {
@@ -80,6 +82,10 @@ TEST(Open, TurnsFlagsIntoASystemCallUnderAMutexNamedByThePath)
         EXPECT_EQ(made.str(), expected);
         expect_elsewhere(WAIT_OBJECT_0);
     }
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), // of the last case
+              "Improper or unspecified R/W file open flag: 3\n"
+              "Improper use of _O_EXCL file open flag\n"
+              "Improper use of _O_TRUNC file open flag\n");
 }
 
 TEST(Remove, RenamesAFileThatCantBeDeleted)

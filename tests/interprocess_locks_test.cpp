@@ -177,13 +177,16 @@ TEST(IpMutex, PassesFromAKilledHolderToAWaitingLock)
                  "D make .mtx.flock = 0");
 }
 
-TEST(IpMutex, GuardsHandTheirLockOver)
+TEST(IpMutex, GuardsHandTheirLockOverIfThereIsOne)
 {
     using Guard = THR_IP_SCOPED_MUTEX;
     ScratchDir scratch;
     THR_IP_MUTEX_OBJ a(scratch.file("a").c_str()), b(scratch.file("b").c_str());
     auto held = [&](const char *name) { return std::filesystem::exists(scratch.file(name)); };
     EXPECT_FALSE(Guard(nullptr).was_lock_successful());
+    THR_IP_MUTEX none = thr_ip_mutex_create(scratch.file("no such/db").c_str());
+    EXPECT_FALSE(thr_ip_mutex_is_good(none) || thr_ip_mutex_lock(none));
+    thr_ip_mutex_destroy(none);
     Guard first(&a), second(std::move(first));
     EXPECT_TRUE(second.was_lock_successful() && !first.was_lock_successful());
     first = Guard(&b);

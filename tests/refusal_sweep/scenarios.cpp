@@ -200,7 +200,8 @@ void running(const std::string &)
 
 void environment(const std::string &)
 {
-    result(thr_setenv("THR_SWEEP", "b") == 0 && thr_prepend_env("THR_SWEEP", "a") == 0);
+    if (result(thr_setenv("THR_SWEEP", "b") == 0 && thr_prepend_env("THR_SWEEP", "a") == 0))
+        must(std::string(getenv("THR_SWEEP")) == "a;b", "the list");
     result(thr_setenv("THR_SWEEP", nullptr) == 0);
     _putenv("THR_SWEEP=");
     thr_set_new_handler(thr_set_new_handler(nullptr));
@@ -286,7 +287,8 @@ void lock_files(const std::string &directory)
         thr_ip_mutex_unlock(mutex);
         next_holder = NOBODY;
     }
-    is_locked(thr_ip_mutex_try_lock(mutex) == 1);
+    if (is_locked(thr_ip_mutex_try_lock(mutex) == 1))
+        must(thr_ip_mutex_try_lock(mutex) == 1, "a second hold");
     thr_ip_mutex_destroy(mutex); // held
     must(!thr_is_pid_active(0xfffffff0), "no such process");
 }
