@@ -47,6 +47,14 @@ TEST(Report, HasTheSystemsWordsWithoutTheirLineBreakAndIsCutAt32767Characters)
                                               {"x", "Access denied.\r\n", "Access denied."},
                                               {"", "x", "no additional information available"},
                                               {longest + "\r\n", "no", longest}};
+    static std::string told;
+    thr_set_report_func([](const char *message, auto...) { told += message; });
+    auto print = [](const char *, const char *format, va_list args) {
+        char text[65536];
+        vsnprintf(text, sizeof text, format, args);
+        told += text;
+    };
+    thr_set_debug_func(print, 0);
     for (auto &words : cases) {
         auto say_words = [&](const Call &call) {
             SetLastError(ERROR_INVALID_PARAMETER);
@@ -54,13 +62,13 @@ TEST(Report, HasTheSystemsWordsWithoutTheirLineBreakAndIsCutAt32767Characters)
             return said.copy(call.arg<char *>(4), said.size() + 1);
         };
         Gate gate("FormatMessageA", say_words);
-        Recorder told;
         report(code, 0);
         report(code, 1);
         const std::string text = failure(code, words[2]), warning = "OS Warning" + text.substr(10);
-        EXPECT_EQ(told.take(),
-                  (std::vector{text, warning + "Warning location: some/file.cpp:21\n"}));
+        EXPECT_EQ(std::exchange(told, ""), text + warning + "Warning location: some/file.cpp:21\n");
     }
+    thr_set_report_func(nullptr);
+    thr_set_debug_func(nullptr, 0);
     EXPECT_EQ(thr_check_win32_handle(INVALID_HANDLE_VALUE, "", "", "", 0, 0), INVALID_HANDLE_VALUE);
 }
 

@@ -1,7 +1,7 @@
 // A soak: soak SECONDS [SEED]. Worker processes lock a directory's interprocess mutex and
-// semaphore, start children and die at random, also while they hold a lock. Whoever gets a lock
-// looks whether anybody else has it. At the end nothing may have been violated, and neither handles
-// nor heap blocks may have grown with the work. scripts/soak.sh runs it.
+// semaphore and die at random, also while they hold a lock. Whoever gets a lock looks whether
+// anybody else has it. At the end nothing may have been violated, and neither handles nor heap
+// blocks may have grown with the work. scripts/soak.sh runs it.
 #include "support/test.h"
 
 #include <filesystem>
@@ -17,7 +17,6 @@ enum Hold : LONG64 { NOTHING, MUTEX, READ, WRITE };
 struct Shared {
     volatile LONG must_stop;
     volatile LONG locks;
-    volatile LONG children;
     volatile LONG kills;
     volatile LONG violations;
     // The upper half counts the workers that have ended in the slot, the lower one is the present
@@ -74,11 +73,6 @@ void check_hold(int own, Hold hold)
     }
 }
 
-ROLE(child)
-{
-    return 7;
-}
-
 // The arguments: the slot, the directory, a seed.
 ROLE(work)
 {
@@ -108,11 +102,6 @@ ROLE(work)
                 Sleep(random() % 64);
             step(own, NOTHING);
             hold == MUTEX ? mutex.unlock() : hold == READ ? sem.read_unlock() : sem.write_unlock();
-        }
-        if (round == 0 || random() % 10 == 0) {
-            if (thr_run(support::role_command("child").data()) != 7)
-                violation("a child's end is lost");
-            InterlockedIncrement(&shared->children);
         }
         const LONG present = allocations.calls() - releases.calls();
         if (round == 10) {
@@ -168,10 +157,10 @@ int soak(DWORD seconds, unsigned seed)
             violation("a lock file is left");
     }
     std::filesystem::remove_all(directory);
-    if (!shared->locks || !shared->children || !shared->kills)
+    if (!shared->locks || !shared->kills)
         violation("too short a time to show anything");
-    printf("%ld locks taken, %ld children ended, %ld kills survived; %ld violations\n",
-           shared->locks, shared->children, shared->kills, shared->violations);
+    printf("%ld locks taken, %ld kills survived; %ld violations\n", shared->locks, shared->kills,
+           shared->violations);
     return shared->violations != 0;
 }
 

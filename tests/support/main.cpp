@@ -1,5 +1,4 @@
 // The entry of every test program: a role in a scene of several processes, or its tests.
-#include "support/heap.h"
 #include "support/test.h"
 
 #include <cstdio>

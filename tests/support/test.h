@@ -37,6 +37,12 @@ bool eventually(const std::function<bool()> &condition);
 // from now on.
 void allow_seconds(unsigned seconds);
 
+// From now on a write or read past the end of a heap block or of a freed block crashes the process,
+// whether it is the library's, the C++ runtime's or the test program's. What is less than 16 bytes
+// off a block ends it when the block is freed. Blocks that are older stay as they are, and may be
+// freed.
+void guard_heap();
+
 // --- processes in roles -------------------------------------------------------------------------
 
 // A test file registers roles, and a test starts this same program again in one of them:
@@ -171,48 +177,6 @@ std::string literal_regex(const std::string &text);
                 "^Internal Error: Sub-system: THR, File: thr/" file "\\.cpp, Line: \\d+\n" +       \
                     ::support::literal_regex(message) + "\n$")
 
-// Keeps the reports of OS failures and the debug messages of all threads, from its construction to
-// its destruction; one at a time. It is inline, so that a program with the library's objects inside
-// records those.
-class Recorder
-{
-public:
-    Recorder()
-    {
-        thr_set_report_func([](const char *message, auto...) { add(message); });
-        thr_set_debug_func(
-            [](const char *, const char *format, va_list args) {
-                char text[65536];
-                vsnprintf(text, sizeof text, format, args);
-                add(text);
-            },
-            0);
-    }
-    ~Recorder()
-    {
-        thr_set_report_func(nullptr);
-        thr_set_debug_func(nullptr, 0);
-        take();
-    }
-
-    // Returns the texts and forgets them.
-    static std::vector<std::string> take()
-    {
-        std::lock_guard<std::mutex> lock(s_mutex);
-        return std::exchange(s_texts, {});
-    }
-
-private:
-    static void add(std::string text)
-    {
-        std::lock_guard<std::mutex> lock(s_mutex);
-        s_texts.push_back(std::move(text));
-    }
-
-    inline static std::mutex s_mutex;
-    inline static std::vector<std::string> s_texts;
-};
-
 // --- files and handles --------------------------------------------------------------------------
 
 // A new empty folder below the system's folder for temporary files, removed with all its content
@@ -228,9 +192,7 @@ public:
 
     // Absolute, backslashes, none at the end; plain ASCII when the system's folder is.
     const std::string &path() const { return m_path; }
-    const std::wstring &wide_path() const { return m_wide_path; }
     std::string file(const std::string &name) const { return m_path + "\\" + name; }
-    std::wstring file(const std::wstring &name) const { return m_wide_path + L"\\" + name; }
 
 private:
     std::string m_path;
