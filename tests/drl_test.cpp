@@ -69,7 +69,7 @@ TEST(Drl, LoadsFindsAndUnloads)
     ScratchDir scratch;
     const std::string directory = scratch.path() + "/sub", path = directory + "/.dll";
     CreateDirectoryA(directory.c_str(), nullptr);
-    CopyFileA(fixture("thr_test_plain.dll").c_str(), (path + ".dll").c_str(), TRUE);
+    CopyFileA(fixture("../libgcc_s_seh-1.dll").c_str(), (path + ".dll").c_str(), TRUE);
     EXPECT_EQ(thr_drl_is_loadable(path.c_str()) + thr_drl_is_loadable("version"), 2);
     for (auto &other : {std::string(".dll"), path + "x", std::string("none\\kernel32")})
         EXPECT_EQ(thr_drl_is_loadable(other.c_str()) + thr_drl_is_loaded(path.c_str()), 0) << other;

@@ -249,8 +249,8 @@ TEST(IpRwSem, TakesAgainWhatIsRefusedForAMomentAndEndsWhenItStaysRefused)
     for (const auto &[lock, refused, times, error] : cases) {
         const std::string refuse = " refuse " + refused + " ", again = std::to_string(times);
         Stage().play("A" + refuse + again + " " + lock + " pauses destroy = 1 1 " + again + " 1;" +
-                     "B" + refuse + std::to_string(times + 1) + " " + lock + " = " + error + ";" +
-                     "L try_read end_read try_write end_write = 1 1 1 1");
+                     "B" + refuse + std::to_string(times + 1) + " " + lock + " = " + error +
+                     "; B go on = ended -1;" + "L try_read end_read try_write end_write = 1 1 1 1");
     }
     Stage().play("W refuse .wri.mtx.flock 0 1 try_write try_write = 1 0 1;"
                  "A refuse .cri.mtx.flock 1 100 read; A 30 = waits; W end_write = 1; A = 1 1");

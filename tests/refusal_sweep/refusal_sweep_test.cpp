@@ -138,7 +138,6 @@ void add_unreached(Tally &tally)
 
 TEST(RefusalSweep, EveryRefusedCallAndEveryDeathIsSurvived)
 {
-    support::allow_seconds(900);
     Tally tally;
     install_gates();
     std::atomic<size_t> next(0);

@@ -33,10 +33,6 @@ const DWORD PATIENCE_MS = 20000;
 // Whether it comes to be so, as long as the patience lasts.
 bool eventually(const std::function<bool()> &condition);
 
-// In a test that needs longer than its minute, for other reasons than its waits: the seconds it has
-// from now on.
-void allow_seconds(unsigned seconds);
-
 // From now on a write or read past the end of a heap block or of a freed block crashes the process,
 // whether it is the library's, the C++ runtime's or the test program's. What is less than 16 bytes
 // off a block ends it when the block is freed. Blocks that are older stay as they are, and may be
@@ -78,7 +74,7 @@ void say(const std::string &line);
 // In a role: reads a line from standard input; nothing at its end.
 std::optional<std::string> hear();
 
-// The path of a file in the folder `fixtures` beside this program: what tests load, start and read.
+// The path of a file in the folder `fixtures` beside this program: what tests read.
 std::string fixture(const std::string &name);
 
 // The command line that starts this test program in a role. No word ends with a backslash.
