@@ -3,6 +3,7 @@
 #include "support/gates.h"
 
 #include <cstdint>
+#include <cstring>
 #include <new>
 #include <stdexcept>
 #include <vector>
@@ -33,7 +34,7 @@ std::string counted_name(const support::Import &import)
         _stricmp(import.dll.c_str(), "USER32.dll") == 0)
         return import.function;
     for (const char *of_the_heap : {"malloc", "realloc", "free"}) {
-        if (support::plain_name(import.function) == of_the_heap)
+        if (strcmp(support::plain_name(import.function.c_str()), of_the_heap) == 0)
             return of_the_heap;
     }
     return "";

@@ -130,7 +130,7 @@ void add_unreached(Tally &tally)
             tally.accounts.insert(gate.name + ": called in no scenario");
     }
     for (const support::Import &import : support::imports_of(support::thr_module())) {
-        const std::string name = support::plain_name(import.function);
+        const std::string name = support::plain_name(import.function.c_str());
         if (reached.count(name) == 0)
             tally.accounts.insert(name + ": never refused");
     }

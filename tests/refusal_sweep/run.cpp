@@ -413,7 +413,7 @@ void install_gates()
     std::set<std::pair<HMODULE, std::string>> seen;
     for (HMODULE module : {library, GetModuleHandleA("libstdc++-6.dll")}) {
         for (const support::Import &import : support::imports_of(module)) {
-            const std::string name = support::plain_name(import.function);
+            const std::string name = support::plain_name(import.function.c_str());
             const Rule *rule = module == library ? row_of(RULES, name) : nullptr;
             const Count *counted = row_of(COUNTS, name);
             if (!(rule || counted) || !seen.insert({module, name}).second)

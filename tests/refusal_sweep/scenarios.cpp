@@ -361,6 +361,7 @@ void named_pipes(const std::string &directory)
             result(client.close());
         }
     }
+    must(!THR_NAMED_PIPE("thr-sweep-none").open(), "no such pipe");
 }
 
 void pump(const std::string &)

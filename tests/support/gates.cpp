@@ -32,17 +32,17 @@ template <class Use> void for_each_import(HMODULE module, Use use)
         auto *name = at<IMAGE_THUNK_DATA64>(module, descriptor->OriginalFirstThunk);
         auto *address = at<IMAGE_THUNK_DATA64>(module, descriptor->FirstThunk);
         for (; name->u1.AddressOfData; ++name, ++address) {
-            use(at<const char>(module, descriptor->Name),
-                IMAGE_SNAP_BY_ORDINAL64(name->u1.Ordinal)
-                    ? "#"
-                    : at<const char>(module,
-                                     name->u1.AddressOfData + sizeof(WORD)), // past the hint
+            const bool is_number = IMAGE_SNAP_BY_ORDINAL64(name->u1.Ordinal);
+            auto *by_name = at<IMAGE_IMPORT_BY_NAME>(module, name->u1.AddressOfData);
+            use(at<const char>(module, descriptor->Name), is_number ? "#" : by_name->Name,
                 reinterpret_cast<void **>(&address->u1.Function));
         }
     }
 }
 
-const char *plain_name_of(const char *import)
+} // namespace
+
+const char *plain_name(const char *import)
 {
     static const std::string_view STRING = "_ZNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEE";
     const std::string_view name = import;
@@ -55,8 +55,6 @@ const char *plain_name_of(const char *import)
                             name.substr(STRING.size(), member.size()) == member);
     return throws ? "operator new" : import;
 }
-
-} // namespace
 
 HMODULE thr_module()
 {
@@ -82,11 +80,6 @@ std::vector<Import> imports_of(HMODULE module)
         imports.push_back({dll, function, slot});
     });
     return imports;
-}
-
-std::string plain_name(const std::string &import)
-{
-    return plain_name_of(import.c_str());
 }
 
 void set_slot(void **slot, const void *target)
@@ -135,7 +128,7 @@ template <size_t... N> const void *Gate::new_thunk(const Entry *entry, std::inde
 Gate::Gate(const std::string &name, Way way, HMODULE module) : m_way(std::move(way))
 {
     for_each_import(module, [&](const char *, const char *import, void **slot) {
-        if (import == name || plain_name_of(import) == name)
+        if (import == name || plain_name(import) == name)
             m_entries.push_back({this, slot, *slot, *slot});
     });
     if (m_entries.empty())

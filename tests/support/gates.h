@@ -37,7 +37,7 @@ std::vector<std::string> exports_of(HMODULE module);
 // The name under which an import stands at a gate: its own, but for what compilers and runtimes
 // choose among. "malloc" is whatever takes a block of the C heap, "operator new" whatever of the
 // C++ runtime throws where memory is refused.
-std::string plain_name(const std::string &import);
+const char *plain_name(const char *import);
 
 // A call that stands at a gate. `args` are the first 12 of its arguments, those that it has.
 struct Call {
