@@ -2,8 +2,8 @@
 # Usage: scripts/soak.sh [SECONDS] [SEED]
 #
 # Builds the library and its soak and runs it under Wine for that long (default: 20 seconds):
-# processes and threads that lock, start children, load, pipe and die at random. Any violation, and
-# any growth of handles or memory, fails it. SEED repeats the random choices of an earlier run.
+# processes that lock and die at random. Any violation, and any growth of handles or memory, fails
+# it. SEED repeats the random choices of an earlier run.
 set -euo pipefail
 . "$(dirname "${BASH_SOURCE[0]}")/common.sh"
 
@@ -15,7 +15,7 @@ build=$root/build/windows
 [ $# -le 2 ] && [[ "$seconds$seed" =~ ^[0-9]+$ && $seconds -gt 0 ]] ||
     die "two numbers at most are taken, SECONDS and SEED, not: $* (see --help)"
 
-# A worker that dies while it starts a child leaves that suspended: it ends with the Wine server.
+# What is left of it ends with the Wine server.
 run_soak()
 {
     local log=$build/soak.log status=0
