@@ -22,14 +22,15 @@ struct Gates {
     int let_through, refusals, polls, pauses;
 } gates;
 
-// A line that comes meanwhile is the number of polls after which to say so.
+// A line that comes meanwhile is the number of polls after which to say so; 0 ends the process, as
+// another thread may do.
 intptr_t poll(const Call &call)
 {
     DWORD sent = 0;
     PeekNamedPipe(GetStdHandle(STD_INPUT_HANDLE), nullptr, 0, nullptr, &sent, nullptr);
-    if (sent > 0)
-        gates.polls = std::stoi(*hear());
-    else if (--gates.polls == 0)
+    if (sent > 0 && (gates.polls = std::stoi(*hear())) == 0)
+        exit(0);
+    if (sent == 0 && --gates.polls == 0)
         say("waits");
     return call.go_on();
 }
@@ -209,7 +210,7 @@ TEST(IpRwSem, ServesReadersTogetherAndWritersBeforeLaterReaders)
                  "W 30 = waits;" // whichever semaphore in the directory it is that is read
                  "other end_read = 1; W = 1; other try_read = 0; L 30 = waits;"
                  "W try_read end_write = 0 1; L = 1 1;"
-                 "db.wri lock = 1; A try_write = 0;"
+                 "db.wri lock = 1; A try_write = 0; B write; B 50 = waits; B 0 = ended 0;"
                  "db.cri lock = 1; A try_read; A 50 = waits; db.cri kill = ended 197; A = 1");
 }
 
@@ -250,7 +251,7 @@ TEST(IpRwSem, TakesAgainWhatIsRefusedForAMomentAndEndsWhenItStaysRefused)
         const std::string refuse = " refuse " + refused + " ", again = std::to_string(times);
         Stage().play("A" + refuse + again + " " + lock + " pauses destroy = 1 1 " + again + " 1;" +
                      "B" + refuse + std::to_string(times + 1) + " " + lock + " = " + error +
-                     "; B go on = ended -1;" + "L try_read end_read try_write end_write = 1 1 1 1");
+                     ";L try_read end_read try_write end_write = 1 1 1 1");
     }
     Stage().play("W refuse .wri.mtx.flock 0 1 try_write try_write = 1 0 1;"
                  "A refuse .cri.mtx.flock 1 100 read; A 30 = waits; W end_write = 1; A = 1 1");
