@@ -3,7 +3,6 @@
 #include "support/gates.h"
 
 #include <cstdint>
-#include <cstring>
 #include <new>
 #include <stdexcept>
 #include <vector>
@@ -22,6 +21,7 @@ struct Thunk {
                           0xff, 0x25, 10,   0,    0, 0, 0x90, 0x90};
     int64_t m_count = 0;
     void *m_target = nullptr;
+    void **m_slot = nullptr; // that leads to it
 };
 
 // The name under which an import is counted; empty: it is not.
@@ -34,7 +34,7 @@ std::string counted_name(const support::Import &import)
         _stricmp(import.dll.c_str(), "USER32.dll") == 0)
         return import.function;
     for (const char *of_the_heap : {"malloc", "realloc", "free"}) {
-        if (strcmp(support::plain_name(import.function.c_str()), of_the_heap) == 0)
+        if (std::string(of_the_heap) == support::plain_name(import.function.c_str()))
             return of_the_heap;
     }
     return "";
@@ -67,7 +67,7 @@ public:
             throw std::runtime_error("no memory for code");
         watch(support::thr_module());
         watch(GetModuleHandleA(nullptr));
-        m_lasting = m_slots.size();
+        m_lasting = m_names.size();
         if (LdrRegisterDllNotification(0, on_load, this, &m_cookie) != 0)
             throw std::runtime_error("the loader does not tell what it loads");
     }
@@ -75,7 +75,7 @@ public:
     {
         LdrUnregisterDllNotification(m_cookie);
         for (size_t index = 0; index < m_lasting; ++index)
-            support::set_slot(m_slots[index], m_thunks[index].m_target);
+            support::set_slot(m_thunks[index].m_slot, m_thunks[index].m_target);
     }
     Counter(const Counter &) = delete;
     Counter &operator=(const Counter &) = delete;
@@ -96,8 +96,7 @@ public:
 private:
     static void CALLBACK on_load(ULONG reason, const Loaded *loaded, void *context)
     {
-        const ULONG is_loaded = 1;
-        if (reason == is_loaded)
+        if (reason == 1) // it is loaded
             static_cast<Counter *>(context)->watch(static_cast<HMODULE>(loaded->module));
     }
 
@@ -112,7 +111,7 @@ private:
             Thunk *thunk = new (&m_thunks[m_names.size()]) Thunk;
             thunk->m_target = *import.slot;
             m_names.push_back(name);
-            m_slots.push_back(import.slot);
+            thunk->m_slot = import.slot;
             support::set_slot(import.slot, thunk);
         }
     }
@@ -120,7 +119,6 @@ private:
     static const size_t MOST_THUNKS = 2048;
     Thunk *m_thunks;                  // never given back: a thread may be in one of them
     std::vector<std::string> m_names; // of the thunks
-    std::vector<void **> m_slots;     // that lead to them
     size_t m_lasting = 0;             // of those: the others go with a module that comes meanwhile
     void *m_cookie = nullptr;
 };
