@@ -39,7 +39,8 @@ std::vector<std::string> exports_of(HMODULE module);
 // C++ runtime throws where memory is refused.
 const char *plain_name(const char *import);
 
-// A call that stands at a gate. `args` are the first 12 of its arguments, those that it has.
+// A call that stands at a gate. `args` has room for 12 arguments: what is above one of 32 bits, and
+// behind the last one, is anything.
 struct Call {
     LONG nth; // of the gate: 1 is the first
     const intptr_t *args;
