@@ -153,7 +153,8 @@ try()
     plant "$1"
     if build_copy thr "${internal[@]}"; then
         mapfile -t order < <(order_for "${sources[$1]}")
-        if found_by "${order[@]}"; then
+        # twice: a test that fails now and then finds nothing
+        if found_by "${order[@]}" && found_by "${finder%%[ ,]*}"; then
             outcome="found by $finder"
             found=$((found + 1))
         else

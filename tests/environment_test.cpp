@@ -50,7 +50,7 @@ TEST(Environment, AndHandlersAreReadAndChangedUnderALock)
         read("GetEnvironmentVariableW", tell("read ")), set("_putenv", tell("set")),
         set_wide("_wputenv", tell("set")), set_new("_ZSt15set_new_handlerPFvvE", tell("new")),
         set_terminate("_ZSt13set_terminatePFvvE", tell("terminate"));
-    EXPECT_EQ(thr_setenv("THR_LIST", "X") + thr_prepend_env("THR_LIST", "W"), 0);
+    EXPECT_TRUE(thr_setenv("THR_LIST", "X") == 0 && thr_prepend_env("THR_LIST", "W") == 0);
     thr_set_new_handler(std::terminate);
     thr_set_terminate_handler(std::terminate);
     EXPECT_EQ(trace, "(set)(read set)(new)(terminate)");

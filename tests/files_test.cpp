@@ -67,6 +67,11 @@ TEST(Open, TurnsFlagsIntoASystemCallUnderAMutexNamedByThePath)
         {_O_WRONLY | _O_CREAT | _O_APPEND, 0004, "40010000 7 4 80 1"},
         {_O_WRONLY | _O_TRUNC | _O_APPEND | _O_U8TEXT, 0600, "c0010000 7 5 80 1"},
         {3 | _O_EXCL | _O_TRUNC, 0600, "0 7 5 80 1"}};
+    DWORD limit = 0; // of the wait for the mutex
+    Gate waits("WaitForSingleObject", [&](const Call &call) {
+        limit = std::max(limit, call.arg<DWORD>(1));
+        return call.go_on();
+    });
     testing::internal::CaptureStderr();
     for (const auto &[flags, mode, expected] : cases) {
         std::ostringstream made;
@@ -82,6 +87,7 @@ TEST(Open, TurnsFlagsIntoASystemCallUnderAMutexNamedByThePath)
         EXPECT_EQ(made.str(), expected);
         expect_elsewhere(WAIT_OBJECT_0);
     }
+    EXPECT_EQ(limit, 600000u);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), // of the last case
               "Improper or unspecified R/W file open flag: 3\n"
               "Improper use of _O_EXCL file open flag\n"

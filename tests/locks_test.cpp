@@ -71,6 +71,8 @@ const Orders ORDERS = {
     {"write", [](auto &) { return semaphore.write_lock(), true; }},
     {"try_write", [](auto &) { return semaphore.try_write_lock(); }},
     {"end_write", [](auto &) { return semaphore.write_unlock(), true; }},
+    {"guard_read", [](auto &) { return (void)THR_SCOPED_READ_LOCK(semaphore), counts(); }},
+    {"guard_write", [](auto &) { return (void)THR_SCOPED_WRITE_LOCK(semaphore), counts(); }},
     {"counts", [](auto &) { return counts(); }}};
 
 // Plays steps of threads, which say "waits" where they do.
@@ -97,7 +99,8 @@ TEST(Mutex, IsRecursiveForItsOwnerAndExcludesOtherThreads)
 
 TEST(RwSem, WritersGoFirst)
 {
-    play("M counts = 0+0; A read = 1; B read = 1; M try_write = 0;"
+    play("M counts guard_read guard_write counts = 0+0 1+0 0+1 0+0; A read = 1; B read = 1; M "
+         "try_write = 0;"
          "W write = waits; M try_read counts = 0 2+1;"
          "R read = waits; A end_read counts = 1 1+1; B end_read = 1; W = 1; M try_write = 0;"
          "V write = waits; M counts = 0+2; W end_write = 1; V = 1; V write end_write = 1 1;"

@@ -34,16 +34,15 @@ std::string read_to_end(void *pipe)
 struct Process {
     void *handle{}, *job{}, *out{}, *err{}, *in{};
 
-    // Under load a start is refused now and then, so there are some tries.
-    bool start(std::string command, bool has_pipes, int tries = 4)
+    bool start(std::string command, bool has_pipes, bool in_some_tries = true)
     {
         auto place = [=](void **pipe) { return has_pipes ? pipe : nullptr; };
-        for (int i = 0; !handle && i < tries; i++) {
-            Sleep(i * 200);
+        auto create = [&] {
             handle = thr_process_create_and_save_job(command.data(), "", place(&out), place(&err),
                                                      place(&in), nullptr, &job);
-        }
-        return handle != nullptr;
+            return handle != nullptr;
+        };
+        return in_some_tries ? start_in_some_tries(create) : create();
     }
     // The exit code, from thr_process_wait(), which closes the handle.
     int end()
@@ -132,8 +131,8 @@ TEST(Process, IsAskedForWithWhatChangesInTheStartupRecord)
         auto *record = call.arg<STARTUPINFOA *>(8);
         asked << std::hex << call.arg<DWORD>(5) << " " << call.arg<BOOL>(4) << " "
               << record->dwFlags << " " << (record->lpReserved2 ? record->cbReserved2 : 0) << " ";
-        DWORD flags = 0;
         for (HANDLE handle : {record->hStdInput, record->hStdOutput, record->hStdError}) {
+            DWORD flags = 0;
             GetHandleInformation(handle, &flags);
             asked << (handle == HANDLE(record->lpDesktop) ? '='
                                                           : "?*"[flags & HANDLE_FLAG_INHERIT]);
@@ -157,7 +156,7 @@ TEST(Process, IsAskedForWithWhatChangesInTheStartupRecord)
         Gate refusal(Refusal{refused, EVERY, FALSE, ERROR_NOT_ENOUGH_MEMORY});
         thr_process_set_inherit_handles(inherit);
         asked.str("");
-        EXPECT_FALSE(Process().start("none", has_pipes, 1));
+        EXPECT_FALSE(Process().start("none", has_pipes, false));
         EXPECT_EQ(asked.str(), "9000004" + expected + "8000004" + expected) << "and no breakaway";
     }
     char command[] = "none";
@@ -185,7 +184,7 @@ TEST(Process, TellsWhatIsRefusedWithNothingHeld)
         });
         Process process;
         process.job = &process;
-        const bool is_started = process.start("cmd /c exit 3", true, 1);
+        const bool is_started = process.start("cmd /c exit 3", true, false);
         EXPECT_EQ(is_started, std::exchange(process.job, nullptr) != &process) << refused.import;
         EXPECT_EQ(read_to_end(process.out) + read_to_end(process.err), "");
         EXPECT_EQ(is_started ? process.end() : thr_process_write(process.in, "", 1, 0), outcome);

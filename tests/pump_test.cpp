@@ -32,13 +32,13 @@ std::string pump(const std::string &actions, uint64_t limit)
         return call.nth > 100 ? FALSE : call.go_on();
     });
     Gate translate("TranslateMessage"), dispatch("DispatchMessageA", [&](const Call &call) {
+        EXPECT_EQ(translate.calls(), call.nth) << "first";
         handled += static_cast<char>(call.arg<MSG *>(0)->wParam);
         if (isupper(handled.back()))
             act(static_cast<char>(tolower(handled.back())));
         return 0;
     });
     const uint64_t result = thr_win32_pump_messages(limit);
-    EXPECT_EQ(translate.calls(), dispatch.calls());
     for (MSG message; PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE);)
         left += message.wParam == WPARAM(-1) ? 'q' : static_cast<char>(message.wParam);
     return std::to_string(result) + " " + handled + "|" + left;

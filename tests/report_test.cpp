@@ -106,7 +106,7 @@ TEST(ReportDeathTest, WithoutAHookOrOfAnInternalErrorEndsTheProcessThroughExit)
                 "^" + literal_regex(returned + "broken THR a/file.cpp:7 4\ngoodbye\n") + "$");
 }
 
-TEST(Report, IsOfItsThreadAloneAndAllocatesNothing)
+TEST(Report, IsOfItsThreadAloneAndTakesNoBlockOfTheHeap)
 {
     std::set<std::string> expected;
     for (DWORD code : {ERROR_ACCESS_DENIED, ERROR_ALREADY_EXISTS})

@@ -170,7 +170,7 @@ int main(int argc, char **argv)
 {
     SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
     if (argc >= 3 && strcmp(argv[1], "--role") == 0)
-        return support::run_role(argv[2], support::RoleArgs(argv + 3, argv + argc));
+        return support::roles().at(argv[2])({argv + 3, argv + argc});
     if (argc >= 2 && atoi(argv[1]) > 0)
         return soak(atoi(argv[1]), argc > 2 ? atoi(argv[2]) : GetTickCount());
     fprintf(stderr, "usage: soak SECONDS [SEED]\n");

@@ -1,8 +1,8 @@
 // Every call that the library makes of an import is refused once alone and, when more calls of that
 // import follow, once with all of those; each time the library has to tell of it or to have a
-// reason not to, nothing is left over, and the scenario passes again. And the process ends before
-// and after each call that others may see: then the next process, in the same folder, passes the
-// scenario. The runs are made in child processes, since a run may end its process.
+// reason not to, and nothing is left over; in the end the scenario passes. And the process ends
+// before and after each call that others may see: then the next process, in the same folder, passes
+// the scenario. The runs are made in child processes, since a run may end its process.
 #include "support/test.h"
 
 #include "run.h"

@@ -283,7 +283,7 @@ const char *left_over()
         "heap blocks are left",  "critical sections are left", "locks are held",   "texts are left",
         "thread slots are left", "libraries are left",         "searches are left"};
     const char *left = nullptr;
-    for (int tries = 0; tries < 150; ++tries) {
+    for (int tries = 0; tries < 1000; ++tries) {
         left = support::live_handle_count(HANDLES) > handles_before ? "handles are left" : nullptr;
         for (int kind = 0; kind < KINDS; ++kind) {
             const int of_a_stopped_thread = kind == BLOCKS ? 2 : kind == SECTIONS ? 1 : 0;

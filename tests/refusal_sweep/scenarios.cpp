@@ -30,7 +30,8 @@ template <class T> void let_through(const char *function, T *target)
 // Whether somebody has a file open and shares it with nobody.
 bool is_held(const std::string &path)
 {
-    return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES && !std::ifstream(path);
+    SetLastError(0);
+    return !std::ifstream(path) && GetLastError() == ERROR_SHARING_VIOLATION;
 }
 
 // --- start-up -----------------------------------------------------------------------------------
@@ -348,7 +349,8 @@ void named_pipes(const std::string &directory)
             }
             result(client.close());
         }
-        result(server.remove());
+        if (result(server.remove()))
+            result(server.create()); // by another name
     }
     const std::string name = "thr-sweep-" + directory.substr(directory.rfind('\\') + 1);
     THR_NAMED_PIPE named(name.c_str());

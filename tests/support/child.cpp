@@ -7,20 +7,10 @@
 namespace support
 {
 
-static std::map<std::string, RoleFunc> &roles()
+std::map<std::string, RoleFunc> &roles()
 {
-    static std::map<std::string, RoleFunc> registered;
-    return registered;
-}
-
-RoleRegistration::RoleRegistration(const char *name, RoleFunc func)
-{
-    roles()[name] = func;
-}
-
-int run_role(const std::string &name, const RoleArgs &args)
-{
-    return roles().at(name)(args);
+    static std::map<std::string, RoleFunc> all;
+    return all;
 }
 
 void say(const std::string &line)
@@ -77,14 +67,6 @@ std::string role_command(const std::string &role, const RoleArgs &args)
     return command;
 }
 
-// A pipe of which the child's end alone is inheritable.
-static void make_pipe(HANDLE &read_end, HANDLE &write_end, HANDLE &childs_end)
-{
-    if (!CreatePipe(&read_end, &write_end, nullptr, 0) ||
-        !SetHandleInformation(childs_end, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT))
-        throw std::runtime_error("no pipe for a child process");
-}
-
 Child::Child(const std::string &role, const RoleArgs &args)
 {
     // One start at a time: no child inherits the ends meant for another one.
@@ -93,20 +75,20 @@ Child::Child(const std::string &role, const RoleArgs &args)
     STARTUPINFOA startup = {};
     startup.cb = sizeof startup;
     startup.dwFlags = STARTF_USESTDHANDLES;
-    make_pipe(startup.hStdInput, m_stdin, startup.hStdInput);
-    make_pipe(m_stdout, startup.hStdOutput, startup.hStdOutput);
+    CreatePipe(&startup.hStdInput, &m_stdin, nullptr, 0);
+    CreatePipe(&m_stdout, &startup.hStdOutput, nullptr, 0);
+    for (HANDLE childs_end : {startup.hStdInput, startup.hStdOutput})
+        SetHandleInformation(childs_end, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);
     DuplicateHandle(GetCurrentProcess(), GetStdHandle(STD_ERROR_HANDLE), GetCurrentProcess(),
                     &startup.hStdError, 0, TRUE, DUPLICATE_SAME_ACCESS);
     std::string command = role_command(role, args);
-    // Under load the start of a process is refused now and then.
-    for (int tries = 0; !m_process.hProcess && tries < 5; ++tries) {
-        Sleep(tries * 200);
-        CreateProcessA(nullptr, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
-                       &startup, &m_process);
-    }
+    const bool is_started = start_in_some_tries([&] {
+        return CreateProcessA(nullptr, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr,
+                              &startup, &m_process);
+    });
     for (HANDLE handle : {startup.hStdInput, startup.hStdOutput, startup.hStdError})
         CloseHandle(handle);
-    if (!m_process.hProcess)
+    if (!is_started)
         throw std::runtime_error("can't start " + command);
 }
 

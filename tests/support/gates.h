@@ -91,9 +91,8 @@ public:
     Gate(const Gate &) = delete;
     Gate &operator=(const Gate &) = delete;
 
-    // Since the gate stands, or since they were forgotten.
+    // Since the gate stands.
     LONG calls() const { return m_calls; }
-    void forget_calls() { m_calls = 0; }
 
     // From now on its calls go there, when they go on.
     template <class Function> void lead_to(Function *target)

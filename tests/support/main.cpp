@@ -8,7 +8,8 @@ namespace
 
 void CALLBACK end_program(void *, BOOLEAN)
 {
-    fputs("the test that runs is out of time\n", stderr); // its name is what was printed last
+    fprintf(stderr, "%s is out of time\n",
+            testing::UnitTest::GetInstance()->current_test_info()->name());
     TerminateProcess(GetCurrentProcess(), 3);
 }
 
@@ -17,7 +18,7 @@ class Watchdog : public testing::EmptyTestEventListener
 {
     void OnTestStart(const testing::TestInfo &test) override
     {
-        const DWORD minutes = strcmp(test.test_suite_name(), "RefusalSweep") ? 1 : 15;
+        const DWORD minutes = strcmp(test.test_suite_name(), "RefusalSweep") ? 1 : 9;
         CreateTimerQueueTimer(&m_timer, nullptr, end_program, nullptr, minutes * 60000, 0,
                               WT_EXECUTEONLYONCE);
     }
@@ -26,7 +27,7 @@ class Watchdog : public testing::EmptyTestEventListener
         (void)DeleteTimerQueueTimer(nullptr, m_timer, nullptr);
     }
 
-    HANDLE m_timer;
+    HANDLE m_timer = nullptr;
 };
 
 } // namespace
@@ -37,7 +38,7 @@ int main(int argc, char **argv)
     SetErrorMode(SEM_FAILCRITICALERRORS | SEM_NOGPFAULTERRORBOX);
     support::guard_heap();
     if (argc >= 3 && strcmp(argv[1], "--role") == 0)
-        return support::run_role(argv[2], support::RoleArgs(argv + 3, argv + argc));
+        return support::roles().at(argv[2])({argv + 3, argv + argc});
     testing::InitGoogleTest(&argc, argv);
     GTEST_FLAG_SET(death_test_style, "threadsafe"); // the library's users have many threads
     testing::UnitTest::GetInstance()->listeners().Append(new Watchdog);

@@ -15,6 +15,18 @@ bool eventually(const std::function<bool()> &condition)
     return condition();
 }
 
+bool start_in_some_tries(const std::function<bool()> &start)
+{
+    for (int tries = 1; !start(); ++tries) {
+        if (tries == 5)
+            return false;
+        if (testing::UnitTest::GetInstance()->current_test_info()) // not in a role
+            printf("a process is started again: %d\n", tries);
+        Sleep(tries * 200);
+    }
+    return true;
+}
+
 std::string system_words(DWORD code)
 {
     char words[4096];

@@ -33,6 +33,9 @@ const DWORD PATIENCE_MS = 20000;
 // Whether it comes to be so, as long as the patience lasts.
 bool eventually(const std::function<bool()> &condition);
 
+// Starts a process, and tries again when that is refused, as it is under load now and then.
+bool start_in_some_tries(const std::function<bool()> &start);
+
 // From now on a write or read past the end of a heap block or of a freed block crashes the process,
 // whether it is the library's, the C++ runtime's or the test program's. What is less than 16 bytes
 // off a block ends it when the block is freed. Blocks that are older stay as they are, and may be
@@ -41,7 +44,7 @@ void guard_heap();
 
 // --- processes in roles -------------------------------------------------------------------------
 
-// A test file registers roles, and a test starts this same program again in one of them:
+// A test file has roles, and a test starts this same program again in one of them:
 //
 //     ROLE(holds_lock)
 //     {
@@ -58,14 +61,13 @@ void guard_heap();
 using RoleArgs = std::vector<std::string>;
 using RoleFunc = int (*)(const RoleArgs &args);
 
-struct RoleRegistration {
-    RoleRegistration(const char *name, RoleFunc func);
-};
+std::map<std::string, RoleFunc> &roles(); // by their names
 
-// Defines and registers a role: the body gets `args` and returns the process's exit code.
+// Defines a role: the body gets `args` and returns the process's exit code.
 #define ROLE(name)                                                                                 \
     static int role_##name(const ::support::RoleArgs &args);                                       \
-    static const ::support::RoleRegistration registered_role_##name(#name, &role_##name);          \
+    [[maybe_unused]] static const auto registered_role_##name = ::support::roles()[#name] =        \
+        &role_##name;                                                                              \
     static int role_##name([[maybe_unused]] const ::support::RoleArgs &args)
 
 // In a role: writes a line to standard output at once.
@@ -79,9 +81,6 @@ std::string fixture(const std::string &name);
 
 // The command line that starts this test program in a role. No word ends with a backslash.
 std::string role_command(const std::string &role, const RoleArgs &args = {});
-
-// For main(): runs the role of that name.
-int run_role(const std::string &name, const RoleArgs &args);
 
 // --- scenes of several processes or threads -----------------------------------------------------
 
