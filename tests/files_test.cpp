@@ -31,6 +31,8 @@ TEST(LongPath, TakesEveryFormOfPath)
          L"\\\\?\\" + current_path().wstring() + L"\\\u00e4\u540d\xd83d\xde00"}};
     for (const auto &[path, expected] : cases)
         EXPECT_EQ(thr_osi_long_path(path).c_str(), expected) << (path ? path : "null");
+    for (const char *refused : {static_cast<const char *>(nullptr), "", "no such", "\\\\?\\1"})
+        EXPECT_EQ(thr_osi_chdir(refused) + thr_osi_stat(refused, nullptr), -2);
 }
 
 TEST(TempName, IsAFreeOneBesideThePath)
@@ -101,6 +103,7 @@ TEST(Remove, RenamesAFileThatCantBeDeleted)
     const int EVER = 1000000;
     // attributes, looks until it is gone, refused deletes and moves; result, moves
     const std::tuple<DWORD, int, LONG, LONG, int, LONG> cases[] = {
+        {FILE_ATTRIBUTE_ARCHIVE, EVER, 0, 0, 0, 0},
         {FILE_ATTRIBUTE_ARCHIVE, EVER, 1, 1, 0, 2},
         {FILE_ATTRIBUTE_ARCHIVE, EVER, EVERY, 0, -1, 1},
         {FILE_ATTRIBUTE_ARCHIVE, EVER, 1, EVERY, -1, 100000},
@@ -165,7 +168,6 @@ TEST(Mode, ScopesNestAndRestore)
     EXPECT_FALSE(thr_is_interprocess_mode());
     thr_enable_interprocess_mode();
     EXPECT_TRUE(thr_is_interprocess_mode());
-    thr_disable_interprocess_mode();
     EXPECT_STREQ(thr_get_interprocess_file_extension(), "flock");
 }
 

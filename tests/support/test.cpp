@@ -48,11 +48,10 @@ static void remove_all(const std::wstring &path)
 {
     WIN32_FIND_DATAW entry;
     HANDLE search = FindFirstFileW((path + L"\\*").c_str(), &entry);
-    for (BOOL is_there = search != INVALID_HANDLE_VALUE; is_there;) {
-        const std::wstring name = entry.cFileName;
-        if (name != L"." && name != L"..")
-            remove_all(path + L"\\" + name);
-        is_there = FindNextFileW(search, &entry);
+    BOOL is_there = search != INVALID_HANDLE_VALUE;
+    for (; is_there; is_there = FindNextFileW(search, &entry)) {
+        if (wcscmp(entry.cFileName, L".") && wcscmp(entry.cFileName, L".."))
+            remove_all(path + L"\\" + entry.cFileName);
     }
     FindClose(search);
     SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
