@@ -142,10 +142,12 @@ TEST(RefusalSweep, EveryRefusedCallAndEveryDeathIsSurvived)
     install_gates();
     std::atomic<size_t> next(0);
     auto work = [&] {
-        for (size_t i = next++; i / 2 < scenarios.size(); i = next++) {
-            const Scenario &scenario = scenarios[i / 2];
-            if (i % 2 ? scenario.is_shared : IS_RELEASE || scenario.name != std::string("start_up"))
-                sweep(i / 2, i % 2, tally);
+        // One scenario is never in two processes at once: Wine gives both a pipe's name.
+        for (size_t i = next++; i < scenarios.size(); i = next++) {
+            if (IS_RELEASE || scenarios[i].name != std::string("start_up"))
+                sweep(i, false, tally);
+            if (scenarios[i].is_shared)
+                sweep(i, true, tally);
         }
     };
     std::thread other(work);
