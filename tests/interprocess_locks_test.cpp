@@ -239,7 +239,7 @@ TEST(IpRwSem, PassesOnWhatAnEndedProcessOrADestroyedRecordHeldOrAnnounced)
 TEST(IpRwSem, TakesAgainWhatIsRefusedForAMomentAndEndsWhenItStaysRefused)
 {
     const std::string no_file = "_sem_fh != THR_BAD_FILE_HANDLE";
-    // the lock, what is refused after how many are let through; how often it is taken again, the end
+    // the lock, what is refused after how many pass; how often it is taken again; the end
     const std::tuple<std::string, std::string, int, std::string> cases[] = {
         {"read", ".rdr.flock 0", 10, "sem->m_readers" + no_file},
         {"write", ".wtr.flock 0", 10, "sem->m_writers" + no_file},

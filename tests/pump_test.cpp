@@ -6,7 +6,7 @@ using namespace support;
 namespace
 {
 
-// 'x' posts the exit event, 'f' gives it up, 'q' asks for a quit, and others are posted as messages.
+// 'x' posts the exit event, 'f' gives it up, 'q' asks for a quit, others are posted as messages.
 void act(char action)
 {
     if (action == 'x')

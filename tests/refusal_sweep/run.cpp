@@ -194,7 +194,7 @@ const Scenario *scenario;
 std::string directory;
 Account *account;
 
-// A message's first line up to what it quotes, and of an OS failure's details the call and the code.
+// A message's first line up to what it quotes, and of an OS failure's details the call and code.
 // No lock is held, but a semaphore's own or that of a thread in its last step.
 void tell(const std::string &from, const std::string &message)
 {
