@@ -96,8 +96,8 @@ using Orders = std::map<std::string, std::function<Answer(std::istream &words)>>
 // Obeys the orders of a line one after the other, and returns their answers.
 std::string obey(const Orders &orders, const std::string &line);
 
-// A process in a role, started with plain Win32 calls, or a thread: it reads lines and says lines. A
-// process inherits every inheritable handle of this one, and its standard error.
+// A process in a role, started with plain Win32 calls, or a thread: it reads lines and says lines.
+// A process inherits every inheritable handle of this one, and its standard error.
 class Child
 {
 public:
