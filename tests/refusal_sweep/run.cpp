@@ -115,8 +115,8 @@ uint64_t site_of(const SweepGate &gate, const Call &call, bool is_first_thread)
                              is_first_thread ? count - frames_below : count);
     for (; i < end; ++i) {
         if (RtlPcToFileHeader(frames[i], &module))
-            site = site * 1099511628211u + static_cast<char *>(frames[i]) -
-                   static_cast<char *>(module);
+            site = site * 1099511628211u + reinterpret_cast<uintptr_t>(frames[i]) -
+                   reinterpret_cast<uintptr_t>(module);
     }
     SetLastError(error);
     return site;
