@@ -2,8 +2,7 @@
 # Usage: scripts/test.sh [--preset NAME] [--filter PATTERN]
 #
 # Builds the library and runs every test program under Wine. Of a release build, unfiltered, it
-# also checks the package as its users get it (scripts/consumers.sh), and of the preset windows it
-# runs a short soak.
+# also checks the package as its users get it (scripts/consumers.sh).
 #
 #   --preset NAME     build and test this preset of CMakePresets.json (default: windows)
 #   --filter PATTERN  run only the tests that match, a GoogleTest filter, and start only the
@@ -167,11 +166,9 @@ run_programs()
 [ "$preset" != windows-ucrt ] || command -v x86_64-w64-mingw32ucrt-g++ >/dev/null ||
     die "install g++-mingw-w64-ucrt64, which is there from Debian 13 on"
 build_preset "$preset"
-package_status=0 soak_status=0
+package_status=0
 if [ "$filter" = "*" ] && [[ $preset =~ ^windows(-ucrt)?$ ]]; then
     "$root/scripts/consumers.sh" --preset "$preset" || package_status=$?
 fi
-[ "$preset-$filter" != 'windows-*' ] || "$root/scripts/soak.sh" 5 || soak_status=$?
 with_lock "$preset-tests" run_programs
 [ $package_status -eq 0 ] || die "the package is not fit for its users: see the start of the output"
-[ $soak_status -eq 0 ] || die "the soak failed: see above the tests"
