@@ -32,23 +32,24 @@ struct Tally {
     std::set<std::string> accounts; // what was told of the refusal of an import
     std::vector<std::string> faults;
 
-    // The process of a run, which was a step or came after it, has ended with that status, 0 when
-    // other runs followed.
-    void judge(const Run &made, const Run &step, const char *name, int status,
-               const std::string &output)
+    // The status is 0 of a process that goes on.
+    void judge(const Run &made, const char *name, int status, const std::string &output)
     {
-        const std::string &import = gates[step.gate].name;
+        const std::string &import = gates[made.place.first].name;
         std::istringstream told(made.told);
         for (std::string line; std::getline(told, line);)
             accounts.insert(import + ": " + line);
-        const bool has_reported = status == 3 ? output.find("Assertion failed") != output.npos
-                                              : status == -1 && made.reports && output.empty();
+        std::smatch assertion;
+        if (std::regex_search(output, assertion, std::regex("Assertion failed: (.*), file (.*), ")))
+            accounts.insert(import + ": " + assertion[2].str() + ": " + assertion[1].str());
+        const bool has_reported =
+            status == 3 ? !assertion.empty() : status == -1 && made.reports && output.empty();
         const bool is_as_due = made.is_over         ? status == 0 && made.how <= ONWARDS
                                : made.how >= BEFORE ? status == DIED
                                                     : made.how >= ALONE && has_reported;
         if (*made.fault || !is_as_due) {
             const char *const hows[] = {", afterwards", "", "", " and on", ", before", ", after"};
-            faults.push_back(name + (": " + import) + hows[made.how] + ", in " + step.operation +
+            faults.push_back(name + (": " + import) + hows[made.how] + ", in " + made.operation +
                              ": " + made.fault + "; status " + std::to_string(status) + ": " +
                              output);
         } else if (made.how >= BEFORE) {
@@ -68,28 +69,51 @@ void sweep(size_t number, bool has_deaths, Tally &tally)
 {
     const support::ScratchDir scratch;
     const std::string name = scratch.path().substr(scratch.path().rfind('\\') + 1);
-    Account &all = *shared_account(name);
-    all.has_deaths = has_deaths;
-    for (bool goes_on = true; goes_on;) {
-        const int from = all.next;
-        const bool is_first = all.plan[from].is_first;
-        all.first = {};
-        support::Child process("sweep", {std::to_string(number), scratch.path(), name});
-        process.close_stdin();
-        std::string output; // of the last run
-        while (auto line = process.read_line())
-            output = *line == "\f" ? "" : output + *line + "\n";
-        const int status = process.wait().value_or(STILL_ACTIVE);
+    Run &made = *shared_run(name);
+    std::optional<support::Child> process;
+    auto make = [&](How how, const Place &place) {
+        if (!process)
+            process.emplace("sweep",
+                            support::RoleArgs{std::to_string(number), scratch.path(), name});
+        made = {};
+        made.place = place, made.how = how, made.has_deaths = has_deaths;
+        process->write_line("go on");
+        std::string output;
+        auto line = process->read_line();
+        for (; line && *line != "\f"; line = process->read_line())
+            output += *line + "\n";
+        const int status = line ? 0 : process->wait().value_or(STILL_ACTIVE);
         std::lock_guard<std::mutex> guard(tally.mutex);
-        auto judge = [&](const Run &made, int step, bool is_last) {
-            tally.judge(made, all.plan[step], scenarios[number].name, is_last ? status : 0, output);
-        };
-        if (!is_first)
-            judge(all.first, std::max(from - 1, 0), all.next == from);
-        for (int i = from; i < all.next; ++i)
-            judge(all.plan[i], i, i + 1 == all.next);
-        // A last process sees what the last step has left. Some faults are enough.
-        goes_on = (all.steps == 0 || from < all.steps) && tally.faults.size() <= 3;
+        tally.judge(made, scenarios[number].name, status, output);
+        if (!line || *made.fault)
+            process.reset();
+    };
+    auto reach = [&](How how, const Place &place) {
+        if (!process)
+            make(NOTHING, place);
+        make(how, place);
+        if (*made.operation)
+            return;
+        process.reset(); // none of its runs makes that call but the first one
+        make(how, place);
+        process.reset();
+    };
+    make(LISTING, {});
+    const std::set<Place> places(made.calls, made.calls + made.calls_listed);
+    for (auto place = places.begin(); place != places.end(); ++place) {
+        if (!has_deaths) {
+            reach(ALONE, *place);
+            if (made.has_later)
+                reach(ONWARDS, *place);
+        } else if (!gates[place->first].only_asks) {
+            reach(BEFORE, *place);
+            reach(AFTER, *place);
+        }
+        // After the last one at a gate it has to pass.
+        if (std::next(place) == places.end() || std::next(place)->first != place->first)
+            make(NOTHING, *place);
+        if (tally.faults.size() > 3)
+            return; // some are enough
     }
 }
 
@@ -124,10 +148,6 @@ void add_unreached(Tally &tally)
         const std::string operation = name_in_source(name);
         if (std::regex_match(operation, SHARED) && tally.died_in.count(operation) == 0)
             tally.accounts.insert(operation + ": no death in it");
-    }
-    for (const SweepGate &gate : gates) {
-        if (gate.rule && reached.insert(gate.name).second)
-            tally.accounts.insert(gate.name + ": called in no scenario");
     }
     for (const support::Import &import : support::imports_of(support::thr_module())) {
         const std::string name = support::plain_name(import.function.c_str());

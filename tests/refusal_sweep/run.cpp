@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <regex>
 #include <string_view>
 
 #include <cxxabi.h>
@@ -16,7 +17,7 @@ struct Rule {
     enum { ANSWERS, RELEASES, THROWS } way; // a release does its work all the same
     intptr_t answer;
     DWORD error;
-    bool only_asks; // or makes a text: one call of each operation and place in the code is enough
+    bool only_asks;
 };
 
 // A call takes when it answers with something, or takes or gives back what its argument is.
@@ -102,18 +103,15 @@ const DWORD first_thread = GetCurrentThreadId();
 
 // Tells calls of an import apart, in any process: by the operation and the place, or also by the
 // functions between, and those of the scenario.
-int frames_below; // of the scenario's
-uint64_t site_of(const SweepGate &gate, const Call &call, bool is_first_thread)
+uint64_t site_of(const SweepGate &gate, const Call &call, const char *by)
 {
     const DWORD error = GetLastError();
     void *frames[62], *module;
     const int count = CaptureStackBackTrace(0, 62, frames, nullptr);
     int i = std::find(frames, frames + count, call.caller) - frames;
     must(i < count, "the stack can't be read");
-    uint64_t site = std::hash<std::string_view>()(is_first_thread ? operation : "a thread");
-    const int end = std::min(i + (gate.rule->only_asks ? 1 : 6),
-                             is_first_thread ? count - frames_below : count);
-    for (; i < end; ++i) {
+    uint64_t site = std::hash<std::string_view>()(by);
+    for (const int end = std::min(i + (gate.only_asks ? 1 : 6), count); i < end; ++i) {
         if (RtlPcToFileHeader(frames[i], &module))
             site = site * 1099511628211u + reinterpret_cast<uintptr_t>(frames[i]) -
                    reinterpret_cast<uintptr_t>(module);
@@ -122,20 +120,12 @@ uint64_t site_of(const SweepGate &gate, const Call &call, bool is_first_thread)
     return site;
 }
 
+// The last one that the library started. It may be suspended, and nobody else know of it.
 HANDLE new_child;
-
-// Ends the child that the library started: it may be suspended, and nobody else know of it.
-void end_new_child()
-{
-    TerminateProcess(new_child, 1);
-    if (new_child)
-        CloseHandle(new_child);
-    new_child = nullptr;
-}
 
 void die()
 {
-    end_new_child();
+    TerminateProcess(new_child, 1);
     TerminateProcess(GetCurrentProcess(), DIED);
 }
 
@@ -152,19 +142,19 @@ intptr_t refuse(const SweepGate &gate, const Call &call)
 // A call stands at a gate. The last error stays the call's.
 intptr_t pass(SweepGate &gate, const Call &call)
 {
-    const bool is_here = run->how >= ALONE && &gate == &gates[run->gate];
+    const bool is_here = run->how >= ALONE && gate.number == run->place.first;
     const bool is_later = is_here && *run->operation;
     bool is_it = false;
     if (gate.rule && (run->how == LISTING || (is_here && !is_later))) {
         static std::mutex mutex;
         std::lock_guard<std::mutex> guard(mutex);
-        const bool is_first_thread = GetCurrentThreadId() == first_thread;
-        const uint64_t site = site_of(gate, call, is_first_thread);
+        const char *by = GetCurrentThreadId() == first_thread ? operation : "a thread";
+        const Place place(gate.number, site_of(gate, call, by));
         if (run->how == LISTING)
-            gate.sites.insert(site);
-        is_it = is_here && !*run->operation && site == run->site;
+            run->calls[run->calls_listed++] = place;
+        is_it = is_here && !*run->operation && place == run->place;
         if (is_it)
-            strcpy(run->operation, is_first_thread ? operation : "a thread");
+            strcpy(run->operation, by);
     }
     run->has_later = run->has_later || is_later;
     if (is_it && run->how == BEFORE)
@@ -173,12 +163,11 @@ intptr_t pass(SweepGate &gate, const Call &call)
         return refuse(gate, call);
     const intptr_t answer = call.go_on();
     count(gate, call, answer);
-    if (gate.name == "CreateProcessA" && answer && !new_child)
-        DuplicateHandle(GetCurrentProcess(), call.arg<PROCESS_INFORMATION *>(9)->hProcess,
-                        GetCurrentProcess(), &new_child, 0, FALSE, DUPLICATE_SAME_ACCESS);
+    if (gate.name == "CreateProcessA" && answer)
+        new_child = call.arg<PROCESS_INFORMATION *>(9)->hProcess;
     // Who makes several at once, in arguments, has made one of a pipe's two inheritable.
     DWORD flags = 0;
-    if (gate.name.compare(0, 6, "Create") == 0 && answer > 1 &&
+    if ((gate.name.find("Create") == 0 || gate.name.find("Open") == 0) && answer > 1 &&
         GetHandleInformation(reinterpret_cast<HANDLE>(answer), &flags))
         must(!(flags & HANDLE_FLAG_INHERIT), "children inherit a handle");
     if (is_it && run->how == AFTER)
@@ -192,21 +181,17 @@ const size_t HANDLES = 96; // looked at; more than a run ever has
 
 const Scenario *scenario;
 std::string directory;
-Account *account;
 
 // A message's first line up to what it quotes, and of an OS failure's details the call and code.
 // No lock is held, but a semaphore's own or that of a thread in its last step.
 void tell(const std::string &from, const std::string &message)
 {
-    auto part = [&](const char *before, const char *after) {
-        const size_t begin = message.find(before) + strlen(before);
-        return message.substr(begin, message.find(after, begin) - begin);
-    };
     must(used[ENTERED] == 0 || from == "thr/thr_event.cpp" || from == "thr/thr_thread.cpp",
          "a report under a lock");
     std::string text = from + ": " + message.substr(0, message.find_first_of("\r\n\""));
-    if (message.find("API: ") != message.npos)
-        text += ": " + part("API: ", "\n") + ", code " + part("OS code: ", " ");
+    std::smatch details;
+    if (std::regex_search(message, details, std::regex("API: (.*)\n.*OS code: (\\S+)")))
+        text += ": " + details[1].str() + ", code " + details[2].str();
     strncat(run->told, (text + "\n").c_str(), sizeof run->told - strlen(run->told) - 1);
     InterlockedIncrement(&run->reports);
 }
@@ -222,68 +207,43 @@ void clear(bool keeps_files)
         std::error_code error;
         must(std::filesystem::remove(entry.path(), error), "a lock file is still held");
         must(keeps_files || name == "db.9.rdr.flock" || end != ".flock", "a lock file is left");
-        must(keeps_files || account->has_deaths || end != ".tmp", "a file is left");
+        must(keeps_files || run->has_deaths || end != ".tmp", "a file is left");
     }
-}
-
-void start_run(Run &next)
-{
-    end_new_child();
-    run = &next;
-    next.is_over = false;
-    operation = "attach or detach"; // until this program calls
 }
 
 // Runs the scenario.
-void act(Run &next)
+void act()
 {
-    char home[MAX_PATH], now[MAX_PATH];
-    GetCurrentDirectoryA(sizeof home, home);
-    support::say("\f");
-    start_run(next);
-    void *frames[62];
-    frames_below = CaptureStackBackTrace(0, 62, frames, nullptr);
+    const std::filesystem::path home = std::filesystem::current_path();
+    operation = "attach or detach"; // until this program calls
     scenario->act(directory);
-    end_new_child();
-    GetCurrentDirectoryA(sizeof now, now);
-    SetCurrentDirectoryA(home);
-    const std::string name = next.how >= ALONE ? gates[next.gate].name : "";
+    const std::string name = run->how >= ALONE ? gates[run->place.first].name : "";
+    must(name == "SetCurrentDirectoryW" || home == std::filesystem::current_path(),
+         "another current directory");
+    std::filesystem::current_path(home);
     clear(name == "DeleteFileW" || name == "MoveFileW");
-    must(name == "SetCurrentDirectoryW" || strcmp(home, now) == 0, "another current directory");
-    must(*next.operation || !(next.reports || next.failures), "a failure without a refusal");
-    next.is_over = true;
-}
-
-// Makes the steps, for the listed calls.
-void plan()
-{
-    for (size_t gate = 0; gate < gates.size(); ++gate) {
-        for (uint64_t site : gates[gate].sites) {
-            for (How how : {ALONE, ONWARDS, BEFORE, AFTER}) {
-                if ((how >= BEFORE) != account->has_deaths ||
-                    (how >= BEFORE && gates[gate].rule->only_asks))
-                    continue;
-                Run &step = account->plan[account->steps++];
-                step.gate = static_cast<int>(gate);
-                step.site = site;
-                step.how = how;
-            }
-        }
-    }
+    must(*run->operation || !(run->reports || run->failures), "a failure without a refusal");
 }
 
 // What is in use between runs.
-std::vector<LONG> used_before;
+LONG used_before[KINDS];
 size_t handles_before;
 
-// What is left after a run. Threads that end may take their time.
-const char *left_over()
+void remember_use()
+{
+    std::copy(used, used + KINDS, used_before);
+    handles_before = support::live_handle_count(HANDLES);
+    stopped_threads = 0;
+}
+
+// Nothing is left after a run. Threads that end may take their time.
+void must_leave_nothing()
 {
     static const char *const WHAT[KINDS] = {
         "heap blocks are left",  "critical sections are left", "locks are held",   "texts are left",
         "thread slots are left", "libraries are left",         "searches are left"};
     const char *left = nullptr;
-    for (int tries = 0; tries < 1000; ++tries) {
+    for (int tries = 0; tries < 500; ++tries) {
         left = support::live_handle_count(HANDLES) > handles_before ? "handles are left" : nullptr;
         for (int kind = 0; kind < KINDS; ++kind) {
             const int of_a_stopped_thread = kind == BLOCKS ? 2 : kind == SECTIONS ? 1 : 0;
@@ -292,24 +252,10 @@ const char *left_over()
                 left = WHAT[kind];
         }
         if (!left)
-            break;
+            return;
         Sleep(20);
     }
-    return left;
-}
-
-// Makes a step and, after the last refusal of an import, a run that has to pass.
-void make(Run &step)
-{
-    if (step.how == ONWARDS && !(&step)[-1].has_later)
-        step.is_over = true; // it would be the same
-    else
-        act(step);
-    Run again = {};
-    if ((&step)[1].gate != step.gate)
-        act(again);
-    run = &step;
-    must(!*again.fault, again.fault);
+    must(false, left);
 }
 
 void watch_operations()
@@ -332,22 +278,17 @@ void watch_operations()
     }
 }
 
-// The arguments: scenario, its folder, the account.
+// The arguments: the scenario, its folder, the name of what is shared with the parent.
 ROLE(sweep)
 {
     install_gates();
     watch_operations();
     support::Gate patience(
         "Sleep", +[](DWORD) { SwitchToThread(); });
-    support::Gate assertion("_wassert", [](const Call &call) {
-        const std::wstring text = call.arg<wchar_t *>(0), file = call.arg<wchar_t *>(1);
-        tell(std::string(file.begin(), file.end()), std::string(text.begin(), text.end()));
-        return call.go_on();
-    });
     _dup2(1, 2);
     scenario = &scenarios[std::stoi(args[0])];
     directory = args[1];
-    account = shared_account(args[2]);
+    run = shared_run(args[2]);
     thr_set_report_func(report_hook);
     thr_set_debug_func(
         [](const char *, const char *format, va_list values) {
@@ -356,30 +297,15 @@ ROLE(sweep)
             tell("debug", message);
         },
         0);
-    atexit([] { start_run(*new Run()); }); // a coverage build writes its counters after this
-    if (account->plan[account->next].is_first) {
-        act(account->plan[account->next++]);
-        return 0;
-    }
-    account->first.how = account->steps == 0 ? LISTING : NOTHING;
-    act(account->first);
-    if (account->steps == 0)
-        plan();
-    used_before.assign(used, used + KINDS);
-    handles_before = support::live_handle_count(HANDLES);
-    stopped_threads = 0;
-    while (account->next < account->steps) {
-        Run &step = account->plan[account->next++];
-        make(step);
+    atexit([] { run = new Run(); }); // a coverage build writes its counters after this
+    for (bool is_first = true; support::hear(); is_first = false) {
+        act();
         // A start's first block is the C runtime's, for the list of what is to be done at the end.
-        const bool keeps_block =
-            scenario->name == std::string("start_up") && gates[step.gate].name == "malloc";
-        const char *left = keeps_block ? nullptr : left_over();
-        must(!left, left);
-        step.is_first = step.how != ONWARDS && !*step.operation;
-        account->next -= step.is_first;
-        if (step.is_first || *step.fault || keeps_block)
-            break; // to the next process
+        const bool keeps_block = scenario->name == std::string("start_up") && run->how >= ALONE &&
+                                 gates[run->place.first].name == "malloc";
+        is_first || keeps_block ? remember_use() : must_leave_nothing();
+        run->is_over = true;
+        support::say("\f");
     }
     return 0;
 }
@@ -391,11 +317,11 @@ void report_hook(const char *message, const char *, const char *file, int)
     tell(file, message);
 }
 
-Account *shared_account(const std::string &name)
+Run *shared_run(const std::string &name)
 {
     HANDLE mapping = CreateFileMappingA(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0,
-                                        sizeof(Account), name.c_str());
-    return static_cast<Account *>(MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, 0));
+                                        sizeof(Run), name.c_str());
+    return static_cast<Run *>(MapViewOfFile(mapping, FILE_MAP_ALL_ACCESS, 0, 0, 0));
 }
 
 // The row of a table that has a function's name; null: none.
@@ -418,7 +344,7 @@ void install_gates()
             const Count *counted = row_of(COUNTS, name);
             if (!(rule || counted) || !seen.insert({module, name}).second)
                 continue;
-            gates.push_back({name, rule, counted, nullptr, {}});
+            gates.push_back({int(gates.size()), name, rule, counted, rule && rule->only_asks, {}});
             SweepGate &gate = gates.back(); // it stays there
             gate.gate = std::make_unique<support::Gate>(
                 name, [&gate](const Call &call) { return pass(gate, call); }, module);

@@ -1,5 +1,5 @@
 // A child process of the refusal sweep: it puts gates in front of the imports of thr.dll and runs a
-// scenario, in each run of which one call is refused, or ends the process.
+// scenario as often as it is told to. In a run one call is refused, or ends the process.
 #ifndef THR_TESTS_RUN_H
 #define THR_TESTS_RUN_H
 
@@ -7,8 +7,8 @@
 
 #include <deque>
 #include <memory>
-#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <windows.h>
@@ -19,12 +19,13 @@ enum { DIED = 77 }; // the status of a process that a gate has ended
 // are; the process ends before or after it.
 enum How { NOTHING, LISTING, ALONE, ONWARDS, BEFORE, AFTER };
 
+using Place = std::pair<int, uint64_t>; // a gate, and from where it is called
+
 // A run, and what it has told.
 struct Run {
-    int gate; // at this one's call from that place, if anywhere, it happens
-    uint64_t site;
+    Place place; // at the first call of it, if there is any, it happens
     How how;
-    bool is_first; // it has to be the first run of a process, the only one that makes the call
+    bool has_deaths; // processes die in the scenario's folder
     bool is_over;
     bool has_later; // the gate was called again after that call
     volatile LONG reports;
@@ -32,9 +33,14 @@ struct Run {
     char operation[128]; // in which the call was; empty: there was none
     char fault[80];      // the first thing that must not be
     char told[2048];     // the reports in short, a line each
+    int calls_listed;
+    Place calls[4096];
 };
 extern Run *run;
 extern int stopped_threads; // whose records stay allocated
+
+// What a process and its parent share by that name.
+Run *shared_run(const std::string &name);
 
 // What holds, else it is the run's fault.
 void must(bool holds, const char *what);
@@ -49,22 +55,13 @@ struct Scenario {
 };
 extern const std::vector<Scenario> scenarios; // together they call every import of the library
 
-// What a sweep's processes have in common. Each goes on at the next step.
-struct Account {
-    bool has_deaths;
-    int steps;
-    int next;
-    Run first; // of a process: nothing happens in it
-    Run plan[2048];
-};
-Account *shared_account(const std::string &name);
-
 struct SweepGate {
+    int number;
     std::string name;
     const struct Rule *rule;   // how it is refused; null: never
     const struct Count *count; // what it takes or gives back; null: nothing
+    bool only_asks;            // or makes a text: one call of each operation and place is enough
     std::unique_ptr<support::Gate> gate;
-    std::set<uint64_t> sites; // from where the listed calls came
 };
 extern std::deque<SweepGate> &gates;
 void install_gates(); // for the life of the process

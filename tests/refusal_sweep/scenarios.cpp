@@ -43,10 +43,8 @@ void start_up(const std::string &directory)
         "GetModuleFileNameA", +[](HMODULE, char *path, DWORD) {
             return static_cast<DWORD>(sprintf(path, "C:\\velkora\\tools\\tool.exe"));
         });
-    char original[MAX_PATH];
-    GetModuleFileNameA(support::thr_module(), original, sizeof original);
     const std::string path = directory + "\\copy.dll";
-    CopyFileA(original, path.c_str(), FALSE);
+    CopyFileA(support::fixture("../thr.dll").c_str(), path.c_str(), FALSE);
     HMODULE copy = LoadLibraryExA(path.c_str(), nullptr, DONT_RESOLVE_DLL_REFERENCES);
     const std::vector<support::Import> from = support::imports_of(support::thr_module());
     const std::vector<support::Import> to = support::imports_of(copy);
@@ -155,17 +153,17 @@ ROLE(sweep_child)
     return 7;
 }
 
-std::string prepared_command()
+// A caller without a console has one made for each child, which takes its time.
+void pretend_a_console()
 {
-    // A caller without a console has one made for each child, which takes its time.
     let_through(
         "GetConsoleMode", +[](HANDLE, DWORD *) { return TRUE; });
-    return support::role_command("sweep_child");
 }
 
 void pipes(const std::string &)
 {
-    std::string command = prepared_command();
+    pretend_a_console();
+    std::string command = support::role_command("sweep_child");
     void *out = nullptr, *in = nullptr, *job = nullptr;
     thr_process_set_inherit_handles(1); // of its standard error
     void *process =
@@ -191,7 +189,9 @@ void pipes(const std::string &)
 
 void running(const std::string &)
 {
-    result(thr_run(prepared_command().data()) == 7);
+    pretend_a_console();
+    char command[] = "\"cmd\" /c exit 7"; // it takes nothing of this process's input
+    result(thr_run(command) == 7);
     thr_sys_func_delete_msg(thr_sys_func_create_msg());
     result(thr_process_lower_priority() == 0);
     SetPriorityClass(GetCurrentProcess(), NORMAL_PRIORITY_CLASS);
