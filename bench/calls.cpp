@@ -25,16 +25,16 @@ struct Thunk {
 };
 
 // The name under which an import is counted; empty: it is not.
-std::string counted_name(const support::Import &import)
+std::string_view counted_name(const support::Import &import)
 {
     // what patches imports: this program's own, and those of a module that starts
     if (import.function == "VirtualProtect" || import.function == "VirtualQuery")
         return "";
-    if (_stricmp(import.dll.c_str(), "KERNEL32.dll") == 0 ||
-        _stricmp(import.dll.c_str(), "USER32.dll") == 0)
+    if (_stricmp(import.dll.data(), "KERNEL32.dll") == 0 ||
+        _stricmp(import.dll.data(), "USER32.dll") == 0)
         return import.function;
     for (const char *of_the_heap : {"malloc", "realloc", "free"}) {
-        if (std::string(of_the_heap) == support::plain_name(import.function.c_str()))
+        if (std::string_view(of_the_heap) == support::plain_name(import.function.data()))
             return of_the_heap;
     }
     return "";
@@ -103,14 +103,14 @@ private:
     void watch(HMODULE module)
     {
         for (const support::Import &import : support::imports_of(module)) {
-            std::string name = counted_name(import);
+            const std::string_view name = counted_name(import);
             if (name.empty())
                 continue;
             if (m_names.size() == MOST_THUNKS)
                 throw std::runtime_error("too many imports to count");
             Thunk *thunk = new (&m_thunks[m_names.size()]) Thunk;
             thunk->m_target = *import.slot;
-            m_names.push_back(name);
+            m_names.emplace_back(name);
             thunk->m_slot = import.slot;
             support::set_slot(import.slot, thunk);
         }

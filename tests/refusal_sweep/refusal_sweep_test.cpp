@@ -141,7 +141,7 @@ void add_unreached(Tally &tally)
 {
     std::set<std::string> reached = tally.called;
     for (const support::Import &import : support::imports_of(GetModuleHandleA(nullptr)))
-        reached.insert(import.function);
+        reached.emplace(import.function);
     for (const std::string &name : support::exports_of(support::thr_module())) {
         if (name[0] != '_' && reached.count(name) == 0)
             tally.accounts.insert(name + ": called in no scenario");
@@ -150,7 +150,7 @@ void add_unreached(Tally &tally)
             tally.accounts.insert(operation + ": no death in it");
     }
     for (const support::Import &import : support::imports_of(support::thr_module())) {
-        const std::string name = support::plain_name(import.function.c_str());
+        const std::string name = support::plain_name(import.function.data());
         if (reached.count(name) == 0)
             tally.accounts.insert(name + ": never refused");
     }

@@ -266,9 +266,9 @@ void watch_operations()
         VirtualQuery(*import.slot, &memory, sizeof memory);
         if (import.dll != "thr.dll" || !(memory.Protect & 0xf0))
             continue; // another library's, or data
-        const std::string &name = *new std::string(name_in_source(import.function));
+        const std::string &name = *new std::string(name_in_source(import.function.data()));
         new support::Gate(
-            import.function,
+            import.function.data(),
             [&name](const Call &call) {
                 if (GetCurrentThreadId() == first_thread)
                     operation = name.c_str();
@@ -339,7 +339,7 @@ void install_gates()
     std::set<std::pair<HMODULE, std::string>> seen;
     for (HMODULE module : {library, GetModuleHandleA("libstdc++-6.dll")}) {
         for (const support::Import &import : support::imports_of(module)) {
-            const std::string name = support::plain_name(import.function.c_str());
+            const std::string name = support::plain_name(import.function.data());
             const Rule *rule = module == library ? row_of(RULES, name) : nullptr;
             const Count *counted = row_of(COUNTS, name);
             if (!(rule || counted) || !seen.insert({module, name}).second)

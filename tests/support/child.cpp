@@ -19,14 +19,13 @@ void say(const std::string &line)
     fflush(stdout);
 }
 
-static void put_line(HANDLE pipe, const std::string &line)
+void put_line(HANDLE pipe, const std::string &line)
 {
     DWORD written = 0;
     WriteFile(pipe, (line + "\n").data(), static_cast<DWORD>(line.size() + 1), &written, nullptr);
 }
 
-// The line at the start of what was read of a pipe, as soon as there is a whole one.
-static std::optional<std::string> take_line(HANDLE pipe, std::string &unread)
+std::optional<std::string> take_line(HANDLE pipe, std::string &unread)
 {
     auto has_line = [&] {
         char bytes[4096];
@@ -120,21 +119,6 @@ Child::~Child()
         kill();
     for (HANDLE handle : {m_stdout, m_process.hThread, m_process.hProcess})
         CloseHandle(handle);
-}
-
-std::optional<std::string> Child::read_line()
-{
-    return take_line(m_stdout, m_unread);
-}
-
-void Child::write_line(const std::string &line)
-{
-    put_line(m_stdin, line);
-}
-
-void Child::close_stdin()
-{
-    CloseHandle(std::exchange(m_stdin, nullptr));
 }
 
 void Child::kill()

@@ -2,7 +2,6 @@
 
 #include <cstring>
 #include <stdexcept>
-#include <string_view>
 
 namespace support
 {
@@ -20,24 +19,6 @@ const IMAGE_DATA_DIRECTORY &directory_of(HMODULE module, int number)
 {
     auto *dos = at<IMAGE_DOS_HEADER>(module, 0);
     return at<IMAGE_NT_HEADERS64>(module, dos->e_lfanew)->OptionalHeader.DataDirectory[number];
-}
-
-// Calls `use` with the DLL, the function and the slot of each import. It allocates nothing: there
-// are many, and an allocation may cost.
-template <class Use> void for_each_import(HMODULE module, Use use)
-{
-    auto &directory = directory_of(module, IMAGE_DIRECTORY_ENTRY_IMPORT);
-    auto *descriptor = at<IMAGE_IMPORT_DESCRIPTOR>(module, directory.VirtualAddress);
-    for (; directory.VirtualAddress && descriptor->Name; ++descriptor) {
-        auto *name = at<IMAGE_THUNK_DATA64>(module, descriptor->OriginalFirstThunk);
-        auto *address = at<IMAGE_THUNK_DATA64>(module, descriptor->FirstThunk);
-        for (; name->u1.AddressOfData; ++name, ++address) {
-            const bool is_number = IMAGE_SNAP_BY_ORDINAL64(name->u1.Ordinal);
-            auto *by_name = at<IMAGE_IMPORT_BY_NAME>(module, name->u1.AddressOfData);
-            use(at<const char>(module, descriptor->Name), is_number ? "#" : by_name->Name,
-                reinterpret_cast<void **>(&address->u1.Function));
-        }
-    }
 }
 
 } // namespace
@@ -76,9 +57,19 @@ std::vector<std::string> exports_of(HMODULE module)
 std::vector<Import> imports_of(HMODULE module)
 {
     std::vector<Import> imports;
-    for_each_import(module, [&](const char *dll, const char *function, void **slot) {
-        imports.push_back({dll, function, slot});
-    });
+    auto &directory = directory_of(module, IMAGE_DIRECTORY_ENTRY_IMPORT);
+    auto *descriptor = at<IMAGE_IMPORT_DESCRIPTOR>(module, directory.VirtualAddress);
+    for (; directory.VirtualAddress && descriptor->Name; ++descriptor) {
+        auto *name = at<IMAGE_THUNK_DATA64>(module, descriptor->OriginalFirstThunk);
+        auto *address = at<IMAGE_THUNK_DATA64>(module, descriptor->FirstThunk);
+        for (; name->u1.AddressOfData; ++name, ++address) {
+            const bool is_number = IMAGE_SNAP_BY_ORDINAL64(name->u1.Ordinal);
+            auto *by_name = at<IMAGE_IMPORT_BY_NAME>(module, name->u1.AddressOfData);
+            imports.push_back({at<const char>(module, descriptor->Name),
+                               is_number ? "#" : by_name->Name,
+                               reinterpret_cast<void **>(&address->u1.Function)});
+        }
+    }
     return imports;
 }
 
@@ -127,10 +118,10 @@ template <size_t... N> const void *Gate::new_thunk(const Entry *entry, std::inde
 
 Gate::Gate(const std::string &name, Way way, HMODULE module) : m_way(std::move(way))
 {
-    for_each_import(module, [&](const char *, const char *import, void **slot) {
-        if (import == name || plain_name(import) == name)
+    for (const auto &[dll, function, slot] : imports_of(module)) {
+        if (function == name || plain_name(function.data()) == name)
             m_entries.push_back({this, slot, *slot, *slot});
-    });
+    }
     if (m_entries.empty())
         throw std::runtime_error("the module does not import " + name);
     std::vector<const void *> thunks;

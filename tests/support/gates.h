@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -20,8 +21,7 @@ HMODULE thr_module();
 // One import; the function is "#" where it is imported by ordinal. `slot` is the entry of the
 // import table, which holds the function's address.
 struct Import {
-    std::string dll;
-    std::string function;
+    std::string_view dll, function; // both end with a zero
     void **slot;
 };
 

@@ -6,21 +6,18 @@
 namespace
 {
 
-void CALLBACK end_program(void *, BOOLEAN)
-{
-    fprintf(stderr, "%s is out of time\n",
-            testing::UnitTest::GetInstance()->current_test_info()->name());
-    TerminateProcess(GetCurrentProcess(), 3);
-}
-
 // A test that takes more than a minute ends the program, by name; the sweep may take longer.
 class Watchdog : public testing::EmptyTestEventListener
 {
     void OnTestStart(const testing::TestInfo &test) override
     {
         const DWORD minutes = strcmp(test.test_suite_name(), "RefusalSweep") ? 1 : 9;
-        CreateTimerQueueTimer(&m_timer, nullptr, end_program, nullptr, minutes * 60000, 0,
-                              WT_EXECUTEONLYONCE);
+        auto end_program = [](void *name, BOOLEAN) {
+            fprintf(stderr, "%s is out of time\n", static_cast<const char *>(name));
+            TerminateProcess(GetCurrentProcess(), 3);
+        };
+        CreateTimerQueueTimer(&m_timer, nullptr, end_program, const_cast<char *>(test.name()),
+                              minutes * 60000, 0, WT_EXECUTEONLYONCE);
     }
     void OnTestEnd(const testing::TestInfo &) override
     {

@@ -54,25 +54,21 @@ static void remove_all(const std::wstring &path)
             remove_all(path + L"\\" + entry.cFileName);
     }
     FindClose(search);
-    SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
     if (!RemoveDirectoryW(path.c_str()))
         DeleteFileW(path.c_str());
 }
 
 ScratchDir::ScratchDir()
 {
-    static std::atomic<int> count;
-    LARGE_INTEGER now; // ids of processes come again
-    QueryPerformanceCounter(&now);
-    wchar_t temp[MAX_PATH + 1] = L""; // it may have short names
+    wchar_t temp[MAX_PATH + 1] = L"", path[MAX_PATH] = L""; // the first one may have short names
     GetLongPathNameW(std::filesystem::temp_directory_path().c_str(), temp, MAX_PATH + 1);
-    m_wide_path = temp + (L"thr-test-" + std::to_wstring(GetCurrentProcessId())) + L"-" +
-                  std::to_wstring(now.QuadPart) + L"-" + std::to_wstring(++count);
+    GetTempFileNameW(temp, L"thr", 0, path); // a new file
+    DeleteFileW(path);
     char bytes[MAX_PATH * 4];
-    if (!CreateDirectoryW(m_wide_path.c_str(), nullptr) ||
-        !WideCharToMultiByte(CP_ACP, 0, m_wide_path.c_str(), -1, bytes, sizeof bytes, nullptr,
-                             nullptr))
+    if (!CreateDirectoryW(path, nullptr) ||
+        !WideCharToMultiByte(CP_ACP, 0, path, -1, bytes, sizeof bytes, nullptr, nullptr))
         throw std::runtime_error("no scratch folder can be made below the one for temporary files");
+    m_wide_path = path;
     m_path = bytes;
 }
 

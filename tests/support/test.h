@@ -96,6 +96,13 @@ using Orders = std::map<std::string, std::function<Answer(std::istream &words)>>
 // Obeys the orders of a line one after the other, and returns their answers.
 std::string obey(const Orders &orders, const std::string &line);
 
+// Writes a line to a pipe, unless nobody reads that any more.
+void put_line(HANDLE pipe, const std::string &line);
+
+// The next line of a pipe, of which `unread` was read already. Nothing when it is closed or the
+// line takes too long.
+std::optional<std::string> take_line(HANDLE pipe, std::string &unread);
+
 // A process in a role, started with plain Win32 calls, or a thread: it reads lines and says lines.
 // A process inherits every inheritable handle of this one, and its standard error.
 class Child
@@ -115,13 +122,13 @@ public:
 
     // The next line that it said, without its line break. Nothing when it closed its output or took
     // too long.
-    std::optional<std::string> read_line();
+    std::optional<std::string> read_line() { return take_line(m_stdout, m_unread); }
 
     // Writes a line to its input, unless it has gone.
-    void write_line(const std::string &line);
+    void write_line(const std::string &line) { put_line(m_stdin, line); }
 
     // The child reads the end of its standard input.
-    void close_stdin();
+    void close_stdin() { CloseHandle(std::exchange(m_stdin, nullptr)); }
 
     // Ends the process the hard way, and waits until it has ended.
     void kill();
