@@ -26,39 +26,19 @@ size_t round_up(size_t size, size_t unit)
     return (size + unit - 1) / unit * unit;
 }
 
-// Of a block: its size, a filling, and the block at the end, as far as its alignment lets it. An
-// inaccessible page follows.
-struct Pages {
-    size_t size;
-
-    char *start() { return reinterpret_cast<char *>(this); }
-    char *end() { return start() + round_up(ALIGNMENT + round_up(size, ALIGNMENT), PAGE); }
-    char *block() { return end() - round_up(size, ALIGNMENT); }
-};
-
-// Null: the block is older.
-Pages *pages_of(void *block)
-{
-    size_t offset = static_cast<char *>(block) - arena;
-    return offset < ARENA ? reinterpret_cast<Pages *>(arena + (offset - ALIGNMENT) / PAGE * PAGE)
-                          : nullptr;
-}
-
-// What the runtimes have their blocks in.
-const HANDLE older_heap = reinterpret_cast<HANDLE>(_get_heap_handle());
-
+// In front of a block is its size, behind it a filling where its alignment keeps it off the
+// inaccessible page that follows.
 void *guarded_malloc(size_t size)
 {
-    Pages pages{size};
-    size_t length = pages.end() - pages.start();
+    const size_t room = round_up(size, ALIGNMENT), length = round_up(sizeof size + room, PAGE);
     if (size > ARENA)
         return nullptr;
-    LONG64 offset = InterlockedExchangeAdd64(&arena_used, length + PAGE);
-    void *room = VirtualAlloc(arena + offset, length, MEM_COMMIT, PAGE_READWRITE);
-    if (!room)
+    char *pages = arena + InterlockedExchangeAdd64(&arena_used, length + PAGE);
+    if (!VirtualAlloc(pages, length, MEM_COMMIT, PAGE_READWRITE))
         return nullptr;
-    memset(room, FILLING, length);
-    return static_cast<Pages *>(memcpy(room, &size, sizeof size))->block();
+    char *block = pages + length - room;
+    memcpy(block - sizeof size, &size, sizeof size);
+    return memset(block, FILLING, room);
 }
 
 void *guarded_calloc(size_t count, size_t size)
@@ -67,54 +47,41 @@ void *guarded_calloc(size_t count, size_t size)
     return block ? memset(block, 0, count * size) : nullptr;
 }
 
-void guarded_free(void *block)
+void guarded_free(void *pointer)
 {
-    Pages *pages = pages_of(block);
-    if (!pages)
-        return static_cast<void>(HeapFree(older_heap, 0, block));
-    auto is_filling = [](char byte) { return byte == FILLING; };
-    if (block != pages->block() ||
-        !std::all_of(pages->start() + sizeof *pages, pages->block(), is_filling) ||
-        !std::all_of(pages->block() + pages->size, pages->end(), is_filling)) {
-        fprintf(stderr, "a damaged block is freed, or what is none: %p\n", block);
+    char *block = static_cast<char *>(pointer);
+    if (block < arena || block >= arena + ARENA) // it is older
+        return static_cast<void>(
+            HeapFree(reinterpret_cast<HANDLE>(_get_heap_handle()), 0, pointer));
+    size_t size; // one that was overwritten leads to where nothing may be read
+    memcpy(&size, block - sizeof size, sizeof size);
+    const size_t room = round_up(size, ALIGNMENT);
+    if (!std::all_of(block + size, block + room, [](char byte) { return byte == FILLING; })) {
+        fprintf(stderr, "a damaged block is freed: %p\n", pointer);
         abort();
     }
-    VirtualFree(pages, pages->end() - pages->start(), MEM_DECOMMIT);
-}
-
-void *guarded_realloc(void *block, size_t size)
-{
-    void *other = guarded_malloc(size);
-    if (!block || !other)
-        return other;
-    Pages *pages = pages_of(block);
-    size_t old_size = pages ? pages->size : HeapSize(older_heap, 0, block);
-    memcpy(other, block, std::min(size, old_size));
-    guarded_free(block);
-    return other;
-}
-
-// Each module's import of this name leads there, for the life of the process.
-template <class F> void replace(const char *name, F *guarded)
-{
-    for (const char *file : {"thr.dll", "libstdc++-6.dll", static_cast<const char *>(nullptr)}) {
-        HMODULE module = GetModuleHandleA(file);
-        for (const Import &import : module ? imports_of(module) : std::vector<Import>()) {
-            if (import.function == name)
-                set_slot(import.slot, reinterpret_cast<void *>(guarded));
-        }
-    }
+    VirtualFree(block - sizeof size, sizeof size + room, MEM_DECOMMIT); // each page of it
 }
 
 } // namespace
 
+// No block is reallocated: neither the library does that, nor the tests.
 void guard_heap()
 {
     arena = static_cast<char *>(VirtualAlloc(nullptr, ARENA, MEM_RESERVE, PAGE_NOACCESS));
-    replace("free", &guarded_free); // before there is a block that only this one may free
-    replace("realloc", &guarded_realloc);
-    replace("malloc", &guarded_malloc);
-    replace("calloc", &guarded_calloc);
+    const std::pair<std::string, void *> guards[] = {
+        {"free", reinterpret_cast<void *>(&guarded_free)}, // first: it releases older ones, too
+        {"malloc", reinterpret_cast<void *>(&guarded_malloc)},
+        {"calloc", reinterpret_cast<void *>(&guarded_calloc)}};
+    for (auto &[name, guarded] : guards) {
+        for (HMODULE module :
+             {thr_module(), GetModuleHandleA("libstdc++-6.dll"), GetModuleHandleA(nullptr)}) {
+            for (const Import &import : imports_of(module)) {
+                if (import.function == name)
+                    set_slot(import.slot, guarded);
+            }
+        }
+    }
 }
 
 } // namespace support
