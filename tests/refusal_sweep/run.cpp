@@ -21,7 +21,7 @@ struct Rule {
 };
 
 // A call takes when it answers with something, or takes or gives back what its argument is.
-enum Kind { BLOCKS, SECTIONS, ENTERED, TEXTS, SLOTS, LIBRARIES, SEARCHES, KINDS };
+enum Kind { BLOCKS, SECTIONS, ENTERED, TEXTS, SLOTS, LIBRARIES, SEARCHES, HANDLES, KINDS };
 struct Count {
     const char *functions;
     Kind kind;
@@ -32,7 +32,6 @@ struct Count {
 // Never released: calls pass the gates until the process has gone.
 std::deque<SweepGate> &gates = *new std::deque<SweepGate>;
 Run *run = new Run();
-int stopped_threads;
 
 void must(bool holds, const char *what)
 {
@@ -177,8 +176,6 @@ intptr_t pass(SweepGate &gate, const Call &call)
 
 // --- runs ---------------------------------------------------------------------------------------
 
-const size_t HANDLES = 96; // looked at; more than a run ever has
-
 const Scenario *scenario;
 std::string directory;
 
@@ -225,37 +222,33 @@ void act()
     must(*run->operation || !(run->reports || run->failures), "a failure without a refusal");
 }
 
-// What is in use between runs.
-LONG used_before[KINDS];
-size_t handles_before;
+LONG used_before[KINDS]; // between runs
 
 void remember_use()
 {
+    used[HANDLES] = static_cast<LONG>(support::live_handle_count(96)); // more than there are
     std::copy(used, used + KINDS, used_before);
-    handles_before = support::live_handle_count(HANDLES);
-    stopped_threads = 0;
 }
 
 // Nothing is left after a run. Threads that end may take their time.
 void must_leave_nothing()
 {
-    static const char *const WHAT[KINDS] = {
-        "heap blocks are left",  "critical sections are left", "locks are held",   "texts are left",
-        "thread slots are left", "libraries are left",         "searches are left"};
-    const char *left = nullptr;
-    for (int tries = 0; tries < 500; ++tries) {
-        left = support::live_handle_count(HANDLES) > handles_before ? "handles are left" : nullptr;
+    static const char *const WHAT[KINDS] = {"heap blocks are left",  "critical sections are left",
+                                            "locks are held",        "texts are left",
+                                            "thread slots are left", "libraries are left",
+                                            "searches are left",     "handles are left"};
+    const char *left = "";
+    for (int tries = 0; tries < 500 && left; ++tries) {
+        Sleep(tries == 0 ? 0 : 20);
+        used[HANDLES] = static_cast<LONG>(support::live_handle_count(96));
+        left = nullptr;
         for (int kind = 0; kind < KINDS; ++kind) {
-            const int of_a_stopped_thread = kind == BLOCKS ? 2 : kind == SECTIONS ? 1 : 0;
-            const LONG more = used[kind] - used_before[kind]; // less of blocks: a kept text may go
-            if (more > of_a_stopped_thread * stopped_threads || (more < 0 && kind != BLOCKS))
+            const LONG more = used[kind] - used_before[kind];
+            if (more > 0 || (more < 0 && kind != BLOCKS && kind != HANDLES)) // a kept text may go
                 left = WHAT[kind];
         }
-        if (!left)
-            return;
-        Sleep(20);
     }
-    must(false, left);
+    must(!left, left);
 }
 
 void watch_operations()

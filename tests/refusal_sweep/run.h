@@ -37,7 +37,6 @@ struct Run {
     Place calls[4096];
 };
 extern Run *run;
-extern int stopped_threads; // whose records stay allocated
 
 // What a process and its parent share by that name.
 Run *shared_run(const std::string &name);

@@ -55,14 +55,11 @@ void start_up(const std::string &directory)
         base + reinterpret_cast<IMAGE_DOS_HEADER *>(base)->e_lfanew);
     auto *entry = reinterpret_cast<BOOL(WINAPI *)(HMODULE, DWORD, void *)>(
         base + headers->OptionalHeader.AddressOfEntryPoint);
-    auto function = [&](auto *as, const char *name) {
-        return reinterpret_cast<decltype(as)>(reinterpret_cast<void *>(GetProcAddress(copy, name)));
-    };
-    function(thr_set_report_func, "thr_set_report_func")(report_hook);
-    if (result(entry(copy, DLL_PROCESS_ATTACH, nullptr))) {
-        must(function(thr_thread_self, "thr_thread_self")(), "the main thread's id");
+    auto *set_report_func = reinterpret_cast<decltype(&thr_set_report_func)>(
+        reinterpret_cast<void *>(GetProcAddress(copy, "thr_set_report_func")));
+    set_report_func(report_hook);
+    if (result(entry(copy, DLL_PROCESS_ATTACH, nullptr)))
         entry(copy, DLL_PROCESS_DETACH, nullptr);
-    }
     FreeLibrary(copy);
 }
 
@@ -73,7 +70,6 @@ struct Worker {
     std::atomic<HANDLE> thread = nullptr;
     std::atomic<bool> may_go_on = false;
     const bool calls_exit;
-    bool is_finished = false;
     THR_THREAD_ID id;
 
     explicit Worker(bool exits) : calls_exit(exits)
@@ -84,12 +80,13 @@ struct Worker {
     }
     ~Worker()
     {
+        end();
+        CloseHandle(thread);
+    }
+    void end()
+    {
         may_go_on = true;
-        if (thread) {
-            must(WaitForSingleObject(thread, support::PATIENCE_MS) == 0, "the thread's end");
-            stopped_threads += !is_finished;
-            CloseHandle(thread);
-        }
+        must(!thread || WaitForSingleObject(thread, 10000) == 0, "the thread's end");
     }
     static void *work(void *argument)
     {
@@ -97,7 +94,6 @@ struct Worker {
         result(thr_thread_self() != nullptr);
         self->thread = OpenThread(SYNCHRONIZE, FALSE, GetCurrentThreadId());
         support::eventually([self] { return self->may_go_on.load(); });
-        self->is_finished = true;
         if (self->calls_exit)
             thr_thread_exit(self);
         return self;
@@ -112,7 +108,9 @@ void threads(const std::string &)
         must(thr_thread_wait(waited.id) == &waited || run->reports, "the exit value");
     }
     thr_thread_detach(Worker(false).id);
-    thr_thread_terminate_and_possibly_crash(Worker(false).id);
+    Worker ended(false); // of one that is stopped the record stays
+    ended.end();
+    thr_thread_terminate_and_possibly_crash(ended.id);
     THR_THREAD_VAR variable;
     if (result(thr_thread_var_init(&variable) == 0)) {
         must(variable != TLS_OUT_OF_INDEXES, "a slot");
