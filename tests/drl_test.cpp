@@ -46,6 +46,7 @@ TEST(Drl, TheHostsFunctionsTakeThePlatformsPlace)
         calls += std::string(library ? " symbols " : " no symbols ") + file;
         SetLastError(0xE0001234); // the system has no words for it
     };
+    Gate unloads("FreeLibrary");
     thr_set_load_symbols_func(load_symbols); // not called for the host's libraries
     thr_drl_register_funcs(load, unload);
     thr_drl_unload(thr_drl_load("/sub/.dll"));
@@ -54,6 +55,7 @@ TEST(Drl, TheHostsFunctionsTakeThePlatformsPlace)
     EXPECT_NE(strstr(thr_drl_get_system_error(), "%1"), nullptr);
     thr_drl_register_funcs(nullptr, nullptr);
     thr_drl_unload(thr_drl_load("version"));
+    EXPECT_EQ(unloads.calls(), 1);
     EXPECT_EQ(thr_drl_load("none"), nullptr);
     EXPECT_EQ(errors(), "Cannot load library none.dll: |none.dll|");
     thr_set_load_symbols_func(nullptr);
