@@ -99,7 +99,7 @@ void sweep(size_t number, bool has_deaths, Tally &tally)
         process.reset();
     };
     make(LISTING, {});
-    const std::set<Place> places(made.calls, made.calls + made.calls_listed);
+    const std::set<Place> places(made.calls.begin(), made.calls.begin() + made.calls_listed);
     for (auto place = places.begin(); place != places.end(); ++place) {
         if (!has_deaths) {
             reach(ALONE, *place);
@@ -115,6 +115,9 @@ void sweep(size_t number, bool has_deaths, Tally &tally)
         if (tally.faults.size() > 3)
             return; // some are enough
     }
+    if (process)
+        process->close_stdin();
+    EXPECT_TRUE(!process || process->wait() == 0) << "its process, at the end";
 }
 
 // Each line of reports.txt is an import and what is told of its refusal, or why there is none, and

@@ -5,6 +5,7 @@
 
 #include "support/gates.h"
 
+#include <array>
 #include <deque>
 #include <memory>
 #include <string>
@@ -34,7 +35,7 @@ struct Run {
     char fault[80];      // the first thing that must not be
     char told[2048];     // the reports in short, a line each
     int calls_listed;
-    Place calls[4096];
+    std::array<Place, 4096> calls;
 };
 extern Run *run;
 
@@ -44,8 +45,8 @@ Run *shared_run(const std::string &name);
 // What holds, else it is the run's fault.
 void must(bool holds, const char *what);
 
-// Keeps what it is told, for the run.
-void report_hook(const char *message, const char *sub_system, const char *file, int line);
+// Keeps what it is told, for the run, as a hook does.
+void tell(const char *message, const char *sub_system, const char *file, int line);
 
 struct Scenario {
     const char *name;

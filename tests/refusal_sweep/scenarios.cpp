@@ -57,7 +57,7 @@ void start_up(const std::string &directory)
         base + headers->OptionalHeader.AddressOfEntryPoint);
     auto *set_report_func = reinterpret_cast<decltype(&thr_set_report_func)>(
         reinterpret_cast<void *>(GetProcAddress(copy, "thr_set_report_func")));
-    set_report_func(report_hook);
+    set_report_func(tell);
     if (result(entry(copy, DLL_PROCESS_ATTACH, nullptr)))
         entry(copy, DLL_PROCESS_DETACH, nullptr);
     FreeLibrary(copy);
