@@ -37,9 +37,9 @@ bool eventually(const std::function<bool()> &condition);
 bool start_in_some_tries(const std::function<bool()> &start);
 
 // From now on a write or read past the end of a heap block or of a freed block crashes the process,
-// whether it is the library's, the C++ runtime's or the test program's. What is less than 16 bytes
-// off a block ends it when the block is freed. Blocks that are older stay as they are, and may be
-// freed.
+// whether it is the library's, the C++ runtime's or the test program's. A write right before a
+// block, or up to 15 bytes behind one whose end is not its page's, ends the process when the block
+// is freed. Blocks that are older stay as they are, and may be freed; none may be reallocated.
 void guard_heap();
 
 // --- processes in roles -------------------------------------------------------------------------
