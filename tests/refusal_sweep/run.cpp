@@ -16,17 +16,13 @@ struct Rule {
     const char *functions;                  // each name between blanks
     enum { ANSWERS, RELEASES, THROWS } way; // a release does its work all the same
     intptr_t answer;
-    DWORD error;
     bool only_asks;
 };
 
-// A call takes when it answers with something, or takes or gives back what its argument is.
-enum Kind { BLOCKS, SECTIONS, ENTERED, TEXTS, SLOTS, LIBRARIES, SEARCHES, HANDLES, KINDS };
+// What functions take, their answer if they can fail and else their argument, the last one gives
+// back.
 struct Count {
-    const char *functions;
-    Kind kind;
-    LONG change;
-    enum { ANSWER, ARGUMENT } object;
+    const char *functions, *left;
 };
 
 // Never released: calls pass the gates until the process has gone.
@@ -47,42 +43,33 @@ const Rule RULES[] = {
      "GetExitCodeProcess GetFullPathNameW GetModuleFileNameA GetModuleHandleA GetProcAddress "
      "GetProcessAffinityMask GetProcessId MultiByteToWideChar PeekNamedPipe "
      "QueryInformationJobObject SearchPathA WideCharToMultiByte malloc ",
-     Rule::ANSWERS, 0, ERROR_NOT_ENOUGH_MEMORY, true},
+     Rule::ANSWERS, 0, true},
     {" AssignProcessToJobObject ConnectNamedPipe CreateEventA CreateJobObjectA CreateMutexA "
      "CreatePipe CreateProcessA CreateThread DeleteFileW DisconnectNamedPipe DuplicateHandle "
      "FlushFileBuffers GetCurrentDirectoryW LoadLibraryA MoveFileW OpenJobObjectA OpenProcess "
      "PeekMessageA PulseEvent ReadFile RegisterWindowMessageA RemoveDirectoryW ResetEvent "
      "SetCurrentDirectoryW SetDllDirectoryA SetEvent SetInformationJobObject SetPriorityClass "
      "SetThreadAffinityMask TerminateProcess TerminateThread TlsSetValue WaitNamedPipeA WriteFile ",
-     Rule::ANSWERS, 0, ERROR_NOT_ENOUGH_MEMORY, false},
-    {" FindFirstFileW GetFileAttributesW GetStdHandle _fstat64 _time64 ", Rule::ANSWERS, -1,
-     ERROR_NOT_ENOUGH_MEMORY, true},
+     Rule::ANSWERS, 0, false},
+    {" FindFirstFileW GetFileAttributesW GetStdHandle _fstat64 _time64 ", Rule::ANSWERS, -1, true},
     {" CreateFileA CreateFileW CreateNamedPipeA ResumeThread TlsAlloc WaitForSingleObject "
      "_open_osfhandle _putenv _wputenv system ",
-     Rule::ANSWERS, -1, ERROR_NOT_ENOUGH_MEMORY, false},
-    {" CloseHandle FindClose FreeLibrary ReleaseMutex TlsFree ", Rule::RELEASES, 0,
-     ERROR_INVALID_HANDLE, false},
-    {" _close ", Rule::RELEASES, -1, ERROR_INVALID_HANDLE, false},
-    {" operator new ", Rule::THROWS, 0, ERROR_NOT_ENOUGH_MEMORY, true},
+     Rule::ANSWERS, -1, false},
+    {" CloseHandle FindClose FreeLibrary ReleaseMutex TlsFree ", Rule::RELEASES, 0, false},
+    {" _close ", Rule::RELEASES, -1, false},
+    {" operator new ", Rule::THROWS, 0, true},
 };
 
-const Count COUNTS[] = {
-    {" malloc ", BLOCKS, 1, Count::ANSWER},
-    {" free ", BLOCKS, -1, Count::ARGUMENT},
-    {" InitializeCriticalSection ", SECTIONS, 1, Count::ARGUMENT},
-    {" DeleteCriticalSection ", SECTIONS, -1, Count::ARGUMENT},
-    {" EnterCriticalSection ", ENTERED, 1, Count::ARGUMENT},
-    {" TryEnterCriticalSection ", ENTERED, 1, Count::ANSWER},
-    {" LeaveCriticalSection ", ENTERED, -1, Count::ARGUMENT},
-    {" FormatMessageA ", TEXTS, 1, Count::ANSWER},
-    {" LocalFree ", TEXTS, -1, Count::ARGUMENT},
-    {" TlsAlloc ", SLOTS, 1, Count::ANSWER},
-    {" TlsFree ", SLOTS, -1, Count::ARGUMENT},
-    {" LoadLibraryA ", LIBRARIES, 1, Count::ANSWER},
-    {" FreeLibrary ", LIBRARIES, -1, Count::ARGUMENT},
-    {" FindFirstFileW ", SEARCHES, 1, Count::ANSWER},
-    {" FindClose ", SEARCHES, -1, Count::ARGUMENT},
-};
+enum { BLOCKS, ENTERED, HANDLES = 7, KINDS };
+const Count COUNTS[KINDS] = {
+    {" malloc free ", "heap blocks are left"},
+    {" EnterCriticalSection TryEnterCriticalSection LeaveCriticalSection ", "locks are held"},
+    {" InitializeCriticalSection DeleteCriticalSection ", "critical sections are left"},
+    {" FormatMessageA LocalFree ", "texts are left"},
+    {" TlsAlloc TlsFree ", "thread slots are left"},
+    {" LoadLibraryA FreeLibrary ", "libraries are left"},
+    {" FindFirstFileW FindClose ", "searches are left"},
+    {"", "handles are left"}}; // counted between runs
 
 volatile LONG used[KINDS]; // by the library; of the heap's blocks by the C++ runtime, too
 
@@ -91,9 +78,12 @@ void count(const SweepGate &gate, const Call &call, intptr_t answer)
     if (!gate.count ||
         (gate.name == "FormatMessageA" && !(call.arg<DWORD>(0) & FORMAT_MESSAGE_ALLOCATE_BUFFER)))
         return;
-    const intptr_t object = gate.count->object == Count::ANSWER ? answer : call.args[0];
+    const char *place = strstr(gate.count->functions, gate.name.c_str());
+    const bool gives_back = place[gate.name.size() + 1] == '\0';
+    const bool can_fail = gate.rule || gate.name == "TryEnterCriticalSection";
+    const intptr_t object = can_fail && !gives_back ? answer : call.args[0];
     if (object && static_cast<LONG>(object) != -1)
-        InterlockedExchangeAdd(&used[gate.count->kind], gate.count->change);
+        InterlockedExchangeAdd(&used[gate.count - COUNTS], gives_back ? -1 : 1);
 }
 
 // What of the library this program's first thread called last.
@@ -134,7 +124,7 @@ intptr_t refuse(const SweepGate &gate, const Call &call)
         throw std::bad_alloc();
     if (gate.rule->way == Rule::RELEASES)
         count(gate, call, call.go_on());
-    SetLastError(gate.rule->error);
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
     return gate.rule->answer;
 }
 
@@ -220,10 +210,6 @@ void remember_use()
 // Nothing is left after a run. Threads that end may take their time.
 void must_leave_nothing()
 {
-    static const char *const WHAT[KINDS] = {"heap blocks are left",  "critical sections are left",
-                                            "locks are held",        "texts are left",
-                                            "thread slots are left", "libraries are left",
-                                            "searches are left",     "handles are left"};
     const char *left = "";
     for (int tries = 0; tries < 500 && left; ++tries) {
         Sleep(tries == 0 ? 0 : 20);
@@ -233,7 +219,7 @@ void must_leave_nothing()
             const LONG more = used[kind] - used_before[kind];
             // a handle may close late in the first run, and a kept text go
             if (more > 0 || more < (kind == HANDLES ? -9 : kind == BLOCKS ? -1 : 0))
-                left = WHAT[kind];
+                left = COUNTS[kind].left;
         }
     }
     must(!left, left);
