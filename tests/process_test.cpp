@@ -94,7 +94,11 @@ TEST(Process, HasItsStreamsAndJobWhileOthersStart)
         eventually([&] { return made.calls() >= LONG(std::size(roles)); });
         return call.go_on();
     });
-    for (size_t i = 0; i < std::size(roles); i++)
+    Gate creation("CreateProcessA", [](const Call &call) { // others may make their pipes meanwhile
+        Sleep(20);
+        return call.go_on();
+    });
+    for (size_t i = std::size(roles); i-- > 0;) // who comes last has its end looked at first
         threads.emplace_back([&, i] { processes[i].start(role_command(roles[i]), 3); });
     for (std::thread &thread : threads)
         thread.join();
