@@ -9,6 +9,8 @@
 #include <fstream>
 #include <new>
 
+#include <psapi.h>
+
 namespace
 {
 
@@ -36,81 +38,61 @@ bool is_held(const std::string &path)
 
 // --- start-up -----------------------------------------------------------------------------------
 
-// Attaches and detaches a second copy of the library, which gets the imports of the first one.
-void start_up(const std::string &directory)
+// Attaches and detaches the library, which has been detached before, again.
+void start_up(const std::string &)
 {
     let_through(
         "GetModuleFileNameA", +[](HMODULE, char *path, DWORD) {
             return static_cast<DWORD>(sprintf(path, "C:\\velkora\\tools\\tool.exe"));
         });
-    const std::string path = directory + "\\copy.dll";
-    CopyFileA(support::fixture("../thr.dll").c_str(), path.c_str(), FALSE);
-    HMODULE copy = LoadLibraryExA(path.c_str(), nullptr, DONT_RESOLVE_DLL_REFERENCES);
-    const std::vector<support::Import> from = support::imports_of(support::thr_module());
-    const std::vector<support::Import> to = support::imports_of(copy);
-    for (size_t i = 0; i < to.size(); ++i)
-        support::set_slot(to[i].slot, *from[i].slot);
-    auto *base = reinterpret_cast<char *>(copy);
-    auto *headers = reinterpret_cast<IMAGE_NT_HEADERS64 *>(
-        base + reinterpret_cast<IMAGE_DOS_HEADER *>(base)->e_lfanew);
-    auto *entry = reinterpret_cast<BOOL(WINAPI *)(HMODULE, DWORD, void *)>(
-        base + headers->OptionalHeader.AddressOfEntryPoint);
-    auto *set_report_func = reinterpret_cast<decltype(&thr_set_report_func)>(
-        reinterpret_cast<void *>(GetProcAddress(copy, "thr_set_report_func")));
-    set_report_func(tell);
-    if (result(entry(copy, DLL_PROCESS_ATTACH, nullptr)))
-        entry(copy, DLL_PROCESS_DETACH, nullptr);
-    FreeLibrary(copy);
+    // No failures are what an attach tells. Who is not this thread is in no operation.
+    std::thread([] { thr_set_debug_func(nullptr, 0); }).join();
+    MODULEINFO library;
+    K32GetModuleInformation(GetCurrentProcess(), support::thr_module(), &library, sizeof library);
+    auto *entry = reinterpret_cast<BOOL(WINAPI *)(void *, DWORD, void *)>(library.EntryPoint);
+    static const BOOL was_attached = entry(library.lpBaseOfDll, DLL_PROCESS_DETACH, nullptr);
+    if (result(was_attached && entry(library.lpBaseOfDll, DLL_PROCESS_ATTACH, nullptr)))
+        entry(library.lpBaseOfDll, DLL_PROCESS_DETACH, nullptr);
 }
 
 // --- threads and locks --------------------------------------------------------------------------
 
-// A thread of a scenario says that it runs, and goes on when it may.
-struct Worker {
-    std::atomic<HANDLE> thread = nullptr;
-    std::atomic<bool> may_go_on = false;
-    const bool calls_exit;
-    THR_THREAD_ID id;
+// How a thread goes.
+enum Way { RETURNS, EXITS, DETACHED, TERMINATED };
 
-    explicit Worker(bool exits) : calls_exit(exits)
-    {
-        const LONG reports = run->reports;
-        id = thr_thread_create(work, this, 0);
-        support::eventually([&] { return thread || run->reports > reports; });
-    }
-    ~Worker()
-    {
-        end();
-        CloseHandle(thread);
-    }
-    void end()
-    {
-        may_go_on = true;
-        must(!thread || WaitForSingleObject(thread, 10000) == 0, "the thread's end");
-    }
-    static void *work(void *argument)
-    {
-        Worker *self = static_cast<Worker *>(argument);
-        result(thr_thread_self() != nullptr);
-        self->thread = OpenThread(SYNCHRONIZE, FALSE, GetCurrentThreadId());
-        support::eventually([self] { return self->may_go_on.load(); });
-        if (self->calls_exit)
-            thr_thread_exit(self);
-        return self;
-    }
+struct Worker {
+    const Way way;
+    std::atomic<HANDLE> thread = nullptr; // once it runs
+    std::atomic<bool> may_go_on = false;
 };
+
+void *work(void *argument)
+{
+    Worker *self = static_cast<Worker *>(argument);
+    self->thread = OpenThread(SYNCHRONIZE, FALSE, GetCurrentThreadId());
+    support::eventually([self] { return self->may_go_on.load(); });
+    if (self->way == EXITS)
+        thr_thread_exit(thr_thread_self());
+    return thr_thread_self();
+}
 
 void threads(const std::string &)
 {
-    for (bool exits : {false, true}) {
-        Worker waited(exits);
-        waited.may_go_on = true;
-        must(thr_thread_wait(waited.id) == &waited || run->reports, "the exit value");
+    for (Way way : {RETURNS, EXITS, DETACHED, TERMINATED}) {
+        Worker worker{way};
+        const LONG reports = run->reports;
+        THR_THREAD_ID id = thr_thread_create(work, &worker, 0);
+        support::eventually([&] { return worker.thread || run->reports > reports; });
+        if (way == DETACHED)
+            thr_thread_detach(id);
+        worker.may_go_on = true;
+        if (way == RETURNS || way == EXITS)
+            must(thr_thread_wait(id) == id || run->reports, "the exit value");
+        must(!worker.thread || WaitForSingleObject(worker.thread, 10000) == 0, "the thread's end");
+        CloseHandle(worker.thread);
+        if (way == TERMINATED) // when it has ended: of one that is stopped the record stays
+            thr_thread_terminate_and_possibly_crash(id);
     }
-    thr_thread_detach(Worker(false).id);
-    Worker ended(false); // of one that is stopped the record stays
-    ended.end();
-    thr_thread_terminate_and_possibly_crash(ended.id);
     THR_THREAD_VAR variable;
     if (result(thr_thread_var_init(&variable) == 0)) {
         must(variable != TLS_OUT_OF_INDEXES, "a slot");
@@ -143,14 +125,6 @@ void locks(const std::string &)
 
 // --- processes ----------------------------------------------------------------------------------
 
-// Echoes a line. At the end of its input it ends with 7.
-ROLE(sweep_child)
-{
-    while (auto line = support::hear())
-        support::say(*line);
-    return 7;
-}
-
 // A caller without a console has one made for each child, which takes its time.
 void pretend_a_console()
 {
@@ -161,19 +135,17 @@ void pretend_a_console()
 void pipes(const std::string &)
 {
     pretend_a_console();
-    std::string command = support::role_command("sweep_child");
+    char command[] = "\"cmd\" /k echo started"; // it waits for input then
     void *out = nullptr, *in = nullptr, *job = nullptr;
     thr_process_set_inherit_handles(1); // of its standard error
-    void *process =
-        thr_process_create_and_save_job(command.data(), "", &out, nullptr, &in, nullptr, &job);
+    void *process = thr_process_create_and_save_job(command, "", &out, nullptr, &in, nullptr, &job);
     thr_process_set_inherit_handles(0);
     if (result(process && out && in)) {
         uint32_t count = 0;
-        char line[16];
+        char text[16];
         result(thr_process_peek(out, nullptr) == 0);
-        if (result(thr_process_write(in, "echo\n", 5, &count) == 0 && count == 5) &&
-            result(thr_process_read(out, line, sizeof line, &count) == 0))
-            must(strncmp(line, "echo", 4) == 0, "the child's output");
+        result(thr_process_write(in, "rem\n", 4, &count) == 0);
+        result(thr_process_read(out, text, sizeof text, &count) == 0);
         result(thr_process_wait(process, nullptr, 1) == 0);
     }
     thr_process_close_pipe(out);
@@ -231,76 +203,59 @@ void loading(const std::string &directory)
 // --- lock files ---------------------------------------------------------------------------------
 
 // Who comes in between the closing of a lock file and its removal. He goes after a while.
-enum { NOBODY, A_DIRECTORY, A_FILE } next_holder;
-int looks_left;
-
-BOOL WINAPI delete_file(const wchar_t *path)
-{
-    if (next_holder == NOBODY)
-        return DeleteFileW(path);
-    if (std::exchange(next_holder, NOBODY) == A_DIRECTORY)
-        CreateDirectoryW(path, nullptr);
-    else
-        CloseHandle(CreateFileW(path, GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
-    looks_left = 100;
-    SetLastError(ERROR_SHARING_VIOLATION);
-    return FALSE;
-}
+enum Holder { NOBODY, A_DIRECTORY, A_FILE } holder;
+int looks;
 
 DWORD WINAPI file_attributes(const wchar_t *path)
 {
-    if (--looks_left == 0)
+    ++looks;
+    if (looks == 1 && holder == A_DIRECTORY)
+        CreateDirectoryW(path, nullptr);
+    if (looks == 1 && holder == A_FILE)
+        CloseHandle(CreateFileW(path, GENERIC_WRITE, 0, nullptr, CREATE_NEW, 0, nullptr));
+    if (looks == 100 && holder != NOBODY)
         DeleteFileW(path);
     return GetFileAttributesW(path);
 }
 
 void lock_files(const std::string &directory)
 {
-    next_holder = NOBODY;
-    let_through("DeleteFileW", delete_file);
     let_through("GetFileAttributesW", file_attributes);
     THR_IP_MUTEX relative = thr_ip_mutex_create("relative");
     result(thr_ip_mutex_is_good(relative));
     thr_ip_mutex_destroy(relative);
     const std::string path = directory + "/db", file = path + ".mtx.flock";
-    RemoveDirectoryA(file.c_str()); // of a scenario whose process has died
     auto is_locked = [&](bool success) {
         must(!result(success) || is_held(file), "a lock without its file");
         return success;
     };
     THR_IP_MUTEX_OBJ object(path.c_str());
-    is_locked(THR_IP_SCOPED_MUTEX(&object).was_lock_successful());
     THR_IP_MUTEX mutex = thr_ip_mutex_create(path.c_str());
     result(thr_ip_mutex_is_good(mutex));
-    if (is_locked(thr_ip_mutex_lock(mutex) == 1)) {
-        must(thr_ip_mutex_lock(mutex) == 1, "a second hold");
-        thr_ip_mutex_unlock(mutex);
-        must(!object.try_lock(), "no second holder");
-        next_holder = A_DIRECTORY;
-        thr_ip_mutex_unlock(mutex);
-        next_holder = NOBODY;
-        RemoveDirectoryA(file.c_str()); // where its removal was refused
+    for (Holder next : {A_DIRECTORY, A_FILE}) {
+        RemoveDirectoryA(file.c_str()); // where its removal was refused, or a process died
+        if (is_locked(thr_ip_mutex_lock(mutex) == 1)) {
+            must(!object.try_lock(), "no second holder");
+            looks = 0;
+            holder = next;
+            thr_ip_mutex_unlock(mutex);
+            holder = NOBODY;
+        }
     }
-    if (is_locked(thr_ip_mutex_try_lock(mutex) == 1)) {
-        next_holder = A_FILE;
-        thr_ip_mutex_unlock(mutex);
-        next_holder = NOBODY;
-    }
-    if (is_locked(thr_ip_mutex_try_lock(mutex) == 1))
-        must(thr_ip_mutex_try_lock(mutex) == 1, "a second hold");
+    is_locked(THR_IP_SCOPED_MUTEX(&object).was_lock_successful());
+    is_locked(thr_ip_mutex_try_lock(mutex) == 1);
     thr_ip_mutex_destroy(mutex); // held
     must(!thr_is_pid_active(0xfffffff0), "no such process");
 }
 
 void ip_semaphore(const std::string &directory)
-{
+try {
     const std::string path = directory + "/db";
     const std::string own = path + "." + std::to_string(GetCurrentProcessId());
     auto holds = [&](bool reads, bool writes) {
-        must(is_held(own + ".rdr.flock") == reads, "the reader's file");
-        must(is_held(own + ".wtr.flock") == writes, "the writer's file");
-        must(is_held(path + ".wri.mtx.flock") == writes, "the writers' lock");
-        must(!is_held(path + ".cri.mtx.flock"), "the atomic lock");
+        must(is_held(own + ".rdr.flock") == reads && is_held(own + ".wtr.flock") == writes &&
+                 is_held(path + ".wri.mtx.flock") == writes && !is_held(path + ".cri.mtx.flock"),
+             "the semaphore's files");
     };
     try {
         THR_IP_READ_WRITE_SEMAPHORE semaphore(path.c_str());
@@ -319,16 +274,12 @@ void ip_semaphore(const std::string &directory)
         THR_IP_READ_WRITE_SEMAPHORE none((directory + "/none/db").c_str());
         must(false, "an exception");
     } catch (const VELKORA_EXCEPTION &exception) {
-        try {
-            VELKORA_ERROR_MESSAGE message("", 0, {});
-            message = VELKORA_EXCEPTION(exception).get_errc().get_error_message();
-            result(message[0].m_text.find("/none/db") != std::string::npos);
-        } catch (const std::bad_alloc &) {
-            result(false);
-        }
-    } catch (const std::bad_alloc &) {
-        result(false);
+        VELKORA_ERROR_MESSAGE message("", 0, {});
+        message = VELKORA_EXCEPTION(exception).get_errc().get_error_message();
+        result(message[0].m_text.find("/none/db") != std::string::npos);
     }
+} catch (const std::bad_alloc &) {
+    result(false);
 }
 
 // --- named pipes and the pump -------------------------------------------------------------------
@@ -339,48 +290,27 @@ void named_pipes(const std::string &directory)
     THR_NAMED_PIPE server;
     if (result(server.create())) {
         THR_NAMED_PIPE client(server.get_name());
-        if (result(client.open())) {
-            result(server.connect());
-            if (result(server.write("abc", 3) == 3)) {
-                result(client.peek(text, sizeof text) == 3);
-                result(client.read(text, sizeof text) == 3);
-            }
-            result(client.close());
-        }
-        if (result(server.remove()))
-            result(server.create()); // by another name
+        result(client.open() && server.connect() && server.write("abc", 3) == 3 &&
+               client.peek(text, sizeof text) == 3 && client.read(text, sizeof text) == 3);
+        result(client.close());
+        result(server.remove() && server.create()); // by another name
     }
     const std::string name = "thr-sweep-" + directory.substr(directory.rfind('\\') + 1);
-    THR_NAMED_PIPE named(name.c_str());
-    if (result(named.create_r())) {
-        THR_NAMED_PIPE client(name.c_str());
-        if (result(client.open_w())) {
-            result(named.connect_r());
-            result(client.write("abcd", 4) == 4);
-            result(named.read(text, 2) == 2); // a part
-            result(client.close());
-        }
-    }
+    THR_NAMED_PIPE named(name.c_str()), client(name.c_str());
+    result(named.create_r() && client.open_w() && named.connect_r() &&
+           client.write("abcd", 4) == 4 && named.read(text, 2) == 2); // a part
+    result(client.close());
     must(!THR_NAMED_PIPE("thr-sweep-none").open(), "no such pipe");
 }
 
 void pump(const std::string &)
 {
-    const UINT number = thr_win32_get_registered_message("thr sweep");
-    result(number != 0);
-    auto post = [&] { PostThreadMessageA(GetCurrentThreadId(), number ? number : WM_APP, 0, 0); };
-    post();
-    post();
-    result(thr_win32_pump_messages(3) == 2);
+    result(thr_win32_get_registered_message("thr sweep") != 0);
+    for (int message : {WM_APP, WM_APP + 1})
+        PostThreadMessageA(GetCurrentThreadId(), message, 0, 0);
     thr_win32_post_pump_exit_event();
-    post();
     result(thr_win32_pump_messages(0) == 95134);
-    thr_process_exit(5);
-    thr_win32_pump_messages(0);
-    MSG message = {};
-    while (message.message != WM_QUIT && PeekMessageA(&message, nullptr, 0, 0, PM_REMOVE)) {
-    }
-    must(message.message == WM_QUIT, "the quit message, put back");
+    thr_win32_pump_messages(0); // the rest
     thr_qt_set_process_event_func([] {});
     thr_qt_process_events();
     must(thr_qt_post_exit_event() == 1, "a post");
