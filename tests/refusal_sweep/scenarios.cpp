@@ -9,8 +9,6 @@
 #include <fstream>
 #include <new>
 
-#include <psapi.h>
-
 namespace
 {
 
@@ -38,21 +36,31 @@ bool is_held(const std::string &path)
 
 // --- start-up -----------------------------------------------------------------------------------
 
-// Attaches and detaches the library, which has been detached before, again.
-void start_up(const std::string &)
+// Attaches and detaches a second copy of the library, which gets the imports of the first one.
+void start_up(const std::string &directory)
 {
     let_through(
         "GetModuleFileNameA", +[](HMODULE, char *path, DWORD) {
             return static_cast<DWORD>(sprintf(path, "C:\\velkora\\tools\\tool.exe"));
         });
-    // No failures are what an attach tells. Who is not this thread is in no operation.
-    std::thread([] { thr_set_debug_func(nullptr, 0); }).join();
-    MODULEINFO library;
-    K32GetModuleInformation(GetCurrentProcess(), support::thr_module(), &library, sizeof library);
-    auto *entry = reinterpret_cast<BOOL(WINAPI *)(void *, DWORD, void *)>(library.EntryPoint);
-    static const BOOL was_attached = entry(library.lpBaseOfDll, DLL_PROCESS_DETACH, nullptr);
-    if (result(was_attached && entry(library.lpBaseOfDll, DLL_PROCESS_ATTACH, nullptr)))
-        entry(library.lpBaseOfDll, DLL_PROCESS_DETACH, nullptr);
+    const std::string path = directory + "\\copy.dll";
+    CopyFileA(support::fixture("../thr.dll").c_str(), path.c_str(), FALSE);
+    HMODULE copy = LoadLibraryExA(path.c_str(), nullptr, DONT_RESOLVE_DLL_REFERENCES);
+    const std::vector<support::Import> from = support::imports_of(support::thr_module());
+    const std::vector<support::Import> to = support::imports_of(copy);
+    for (size_t i = 0; i < to.size(); ++i)
+        support::set_slot(to[i].slot, *from[i].slot);
+    auto *base = reinterpret_cast<char *>(copy);
+    auto *headers = reinterpret_cast<IMAGE_NT_HEADERS64 *>(
+        base + reinterpret_cast<IMAGE_DOS_HEADER *>(base)->e_lfanew);
+    auto *entry = reinterpret_cast<BOOL(WINAPI *)(HMODULE, DWORD, void *)>(
+        base + headers->OptionalHeader.AddressOfEntryPoint);
+    auto *set_report_func = reinterpret_cast<decltype(&thr_set_report_func)>(
+        reinterpret_cast<void *>(GetProcAddress(copy, "thr_set_report_func")));
+    set_report_func(tell);
+    if (result(entry(copy, DLL_PROCESS_ATTACH, nullptr)))
+        entry(copy, DLL_PROCESS_DETACH, nullptr);
+    FreeLibrary(copy);
 }
 
 // --- threads and locks --------------------------------------------------------------------------
