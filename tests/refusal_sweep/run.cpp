@@ -19,8 +19,8 @@ struct Rule {
     bool only_asks;
 };
 
-// What functions take, their answer if they can fail and else their argument, the last one gives
-// back.
+// What functions take, as their answer or, where they have none, as their argument, the last one
+// gives back.
 struct Count {
     const char *functions, *left;
 };
@@ -80,8 +80,9 @@ void count(const SweepGate &gate, const Call &call, intptr_t answer)
         return;
     const char *place = strstr(gate.count->functions, gate.name.c_str());
     const bool gives_back = place[gate.name.size() + 1] == '\0';
-    const bool can_fail = gate.rule || gate.name == "TryEnterCriticalSection";
-    const intptr_t object = can_fail && !gives_back ? answer : call.args[0];
+    const bool is_void =
+        gate.name == "EnterCriticalSection" || gate.name == "InitializeCriticalSection";
+    const intptr_t object = is_void || gives_back ? call.args[0] : answer;
     if (object && static_cast<LONG>(object) != -1)
         InterlockedExchangeAdd(&used[gate.count - COUNTS], gives_back ? -1 : 1);
 }

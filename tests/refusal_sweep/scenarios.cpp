@@ -233,6 +233,7 @@ void lock_files(const std::string &directory)
     result(thr_ip_mutex_is_good(relative));
     thr_ip_mutex_destroy(relative);
     const std::string path = directory + "/db", file = path + ".mtx.flock";
+    RemoveDirectoryA(file.c_str()); // of a scenario whose process has died
     auto is_locked = [&](bool success) {
         must(!result(success) || is_held(file), "a lock without its file");
         return success;
@@ -240,8 +241,8 @@ void lock_files(const std::string &directory)
     THR_IP_MUTEX_OBJ object(path.c_str());
     THR_IP_MUTEX mutex = thr_ip_mutex_create(path.c_str());
     result(thr_ip_mutex_is_good(mutex));
-    for (Holder next : {A_DIRECTORY, A_FILE}) {
-        RemoveDirectoryA(file.c_str()); // where its removal was refused, or a process died
+    is_locked(THR_IP_SCOPED_MUTEX(&object).was_lock_successful());
+    for (Holder next : {A_FILE, A_DIRECTORY}) {
         if (is_locked(thr_ip_mutex_lock(mutex) == 1)) {
             must(!object.try_lock(), "no second holder");
             looks = 0;
@@ -250,7 +251,7 @@ void lock_files(const std::string &directory)
             holder = NOBODY;
         }
     }
-    is_locked(THR_IP_SCOPED_MUTEX(&object).was_lock_successful());
+    RemoveDirectoryA(file.c_str()); // where its removal was refused
     is_locked(thr_ip_mutex_try_lock(mutex) == 1);
     thr_ip_mutex_destroy(mutex); // held
     must(!thr_is_pid_active(0xfffffff0), "no such process");
