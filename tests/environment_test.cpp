@@ -27,6 +27,18 @@ TEST(Environment, IsSetAndPrependedToUpToTheSystemsLength)
         EXPECT_STREQ(getenv(longest.c_str()), after.empty() ? nullptr : after.c_str());
         EXPECT_EQ(change("", "W") + change(too_long.c_str(), "W"), -2);
     }
+    // In a code page of several bytes a letter the system counts letters.
+    Gate conversion(
+        "MultiByteToWideChar",
+        +[](UINT, DWORD flags, char *text, int size, wchar_t *wide, int room) {
+            return MultiByteToWideChar(CP_UTF8, flags, text, size, wide, room);
+        });
+    Gate set(Refusal{"_putenv", EVERY, 0, 0});
+    EXPECT_EQ(thr_setenv("THR_LIST", (longest.substr(1) + "\xC3\xA4").c_str()), 0);
+}
+
+TEST(Environment, KeepsWhatTheCodePageCantSpell)
+{
     // empty, and with letters that no one code page has together, after one of the process's
     const std::string letter = GetACP() == CP_UTF8 || IsDBCSLeadByte(0xE9) ? "v" : "\xE9";
     for (std::wstring list : {L"", L"C:\\\x416\x443\x43A\\bin;C:\\\x141\xF3\x64\x17A"}) {

@@ -65,7 +65,7 @@ TEST(NamedPipe, CarriesMessagesBetweenProcesses)
 const std::tuple<char, const char *, int> SPIED[] = {
     {'m', "CreateNamedPipeA", 8}, {'o', "CreateFileA", 7},      {'w', "WaitNamedPipeA", 2},
     {'c', "ConnectNamedPipe", 0}, {'f', "FlushFileBuffers", 0}, {'d', "DisconnectNamedPipe", 0},
-    {'x', "CloseHandle", 0}};
+    {'p', "PeekNamedPipe", 0},    {'x', "CloseHandle", 0}};
 std::string calls;
 std::set<std::string> manners;
 
@@ -112,6 +112,7 @@ TEST(NamedPipe, AsksForWhatItNeedsAndForgetsReleasedHandles)
         {"N", "- 5 +", "create remove error remove close", "1 1 5 0 0", "mN f d x f! d! x! "},
         {"N", "- + 5", "create remove error", "1 0 5", "mN f d f d x "},
         {"N", "+ + + 5", "create remove error", "1 1 5", "mN f d x "},
+        {"N", "- 234", "create_r peek error", "1 '' 234", "mN p f d x "}, // a part
         {"N", "231 121", "open error", "0 231", "oN wN "},
         {"N", "5 +", "open_w", "0", "oN wN "},
         {"N", "231 + 0 + +", "open", "1", "oN wN oN wN oN "}};

@@ -94,10 +94,11 @@ TEST(Process, HasItsStreamsAndJobWhileOthersStart)
         eventually([&] { return made.calls() >= LONG(std::size(roles)); });
         return call.go_on();
     });
-    Gate creation("CreateProcessA", [](const Call &call) { // others may make their pipes meanwhile
+    auto slowly = [](const Call &call) { // others may come between
         Sleep(20);
         return call.go_on();
-    });
+    };
+    Gate creation("CreateProcessA", slowly), closing("CloseHandle", slowly);
     for (size_t i = std::size(roles); i-- > 0;) // who comes last has its end looked at first
         threads.emplace_back([&, i] { processes[i].start(role_command(roles[i]), 3); });
     for (std::thread &thread : threads)

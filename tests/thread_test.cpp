@@ -199,8 +199,8 @@ TEST(System, IsAskedForTimeProcessorsVariablesAndNames)
     Gate set("SetThreadAffinityMask",
              [&](const Call &call) { return asked.emplace_back(call.args[1]); });
     Gate processors("GetProcessAffinityMask", [](const Call &call) {
-        *call.arg<DWORD_PTR *>(1) = 6;
-        return *call.arg<DWORD_PTR *>(2) = 15; // of the system
+        *call.arg<DWORD_PTR *>(1) = 6ull << 32;
+        return *call.arg<DWORD_PTR *>(2) = 15ull << 32; // of the system
     });
     Gate ticks(Refusal{"GetTickCount", EVERY, 0xFFFFFFF7, 0});
     Gate slots(Refusal{"TlsAlloc", EVERY, intptr_t(TLS_OUT_OF_INDEXES), 8});
@@ -214,10 +214,11 @@ TEST(System, IsAskedForTimeProcessorsVariablesAndNames)
     });
     thr_sleep(4294968);
     thr_msleep(7);
-    thr_set_thread_affinity_mask(10);
+    thr_set_thread_affinity_mask(10ull << 32);
     thr_rename_thread("worker");
-    EXPECT_EQ(asked, (std::vector<intptr_t>{704, 7, 2, 0x406D1388, 0, 3, 0x1000, 0xFFFFFFFF}));
-    EXPECT_EQ(thr_get_cpu_affinity_mask(), 6u);
+    EXPECT_EQ(asked,
+              (std::vector<intptr_t>{704, 7, 2ll << 32, 0x406D1388, 0, 3, 0x1000, 0xFFFFFFFF}));
+    EXPECT_EQ(thr_get_cpu_affinity_mask(), 6ull << 32);
     EXPECT_EQ(thr_get_tick_count(), 0xFFFFFFF7);
     EXPECT_EQ(thr_getpid(), static_cast<int>(GetCurrentProcessId()));
     THR_THREAD_VAR variable = 5000; // which is none
