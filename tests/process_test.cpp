@@ -94,16 +94,16 @@ TEST(Process, HasItsStreamsAndJobWhileOthersStart)
         eventually([&] { return made.calls() >= LONG(std::size(roles)); });
         return call.go_on();
     });
-    auto slowly = [](const Call &call) { // others may come between
+    Gate creation("CreateProcessA", [](const Call &call) { // others may make their pipes meanwhile
         Sleep(20);
         return call.go_on();
-    };
-    Gate creation("CreateProcessA", slowly), closing("CloseHandle", slowly);
-    for (size_t i = std::size(roles); i-- > 0;) // who comes last has its end looked at first
+    });
+    for (size_t i = std::size(roles); i-- > 0;)
         threads.emplace_back([&, i] { processes[i].start(role_command(roles[i]), 3); });
     for (std::thread &thread : threads)
         thread.join();
-    for (Process &process : processes) {
+    for (int i : {0, 3, 1, 2}) { // the ends of who came last and first, while the others run
+        Process &process = processes[i];
         EXPECT_TRUE(is_in_job(process.handle, process.job));
         thr_process_close_handle(std::exchange(process.job, nullptr)); // that does not end it
         EXPECT_EQ(thr_process_write(process.in, "one\ntwo\n", 8, nullptr), 0);
