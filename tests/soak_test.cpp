@@ -1,5 +1,5 @@
-// A soak of the interprocess locks: processes that lock and die at random. --gtest_repeat=N makes it
-// longer, and with --gtest_shuffle each round makes other choices (--gtest_random_seed).
+// A soak of the interprocess locks: processes that lock and die at random. --gtest_repeat=N makes
+// it longer, and with --gtest_shuffle each round makes other choices (--gtest_random_seed).
 // scripts/soak.sh runs it so.
 #include "support/test.h"
 
