@@ -2,9 +2,10 @@
 # Usage: scripts/faults.sh [--quick] [FIRST[-LAST]]
 #
 # Plants the faults of tests/faults.txt one at a time in a copy of the sources, and tells which test
-# finds each: the programs of the fault's family run first, the refusal sweep last. All of them, or
-# those with the numbers FIRST to LAST. Ends with status 0 when at least 57 of the 60 are found; of
-# some, when all are. On an idle machine a fault that is found takes half a minute.
+# finds each: programs named by the first word of the source's name run first, the refusal sweep
+# last. All of them, or those with the numbers FIRST to LAST. Ends with status 0 when at least 57 of
+# the 60 are found; of some, when all are. On an idle machine a fault that is found takes half a
+# minute.
 #
 #   --quick  without the refusal sweep, which alone takes minutes
 set -euo pipefail

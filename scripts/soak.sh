@@ -12,7 +12,7 @@ case ${1-} in
 esac
 rounds=${1:-5} seed=${2:-$((RANDOM + 1))}
 build=$root/build/windows
-[ $# -le 2 ] && [[ "$rounds$seed" =~ ^[0-9]+$ && $rounds -gt 0 && $seed -gt 0 ]] ||
+[ $# -le 2 ] && [[ "$rounds $seed" =~ ^[1-9][0-9]*\ [1-9][0-9]{0,4}$ ]] ||
     die "two numbers at most are taken, ROUNDS and SEED, not: $* (see --help)"
 
 # What is left of it ends with the Wine server.

@@ -97,6 +97,7 @@ void sweep(size_t number, bool has_deaths, Tally &tally)
         process.reset(); // none of its runs makes that call but the first one
         make(how, place);
         process.reset();
+        EXPECT_TRUE(*made.operation) << "a call that is not made again, of " << made.place.first;
     };
     make(LISTING, {});
     const std::set<Place> places(made.calls.begin(), made.calls.begin() + made.calls_listed);

@@ -60,7 +60,7 @@ const Rule RULES[] = {
     {" operator new ", Rule::THROWS, 0, true},
 };
 
-enum { BLOCKS, ENTERED, HANDLES = 7, KINDS };
+enum { BLOCKS, ENTERED, SECTIONS, HANDLES = 7, KINDS };
 const Count COUNTS[KINDS] = {
     {" malloc free ", "heap blocks are left"},
     {" EnterCriticalSection TryEnterCriticalSection LeaveCriticalSection ", "locks are held"},
@@ -224,6 +224,7 @@ void must_leave_nothing()
         }
     }
     must(!left, left);
+    used_before[HANDLES] = used[HANDLES];
 }
 
 void watch_operations()
@@ -268,10 +269,13 @@ ROLE(sweep)
     atexit([] { run = new Run(); }); // a coverage build writes its counters after this
     for (bool is_first = true; support::hear(); is_first = false) {
         act();
-        // A start's first block is the C runtime's, for the list of what is to be done at the end.
+        // A start's first block is the C runtime's, for the list of what is to be done at the end:
+        // the library's locks are on it.
         const bool keeps_block = scenario->name == std::string("start_up") && run->how >= ALONE &&
                                  gates[run->place.first].name == "malloc";
-        is_first || keeps_block ? remember_use() : must_leave_nothing();
+        for (int kind : {BLOCKS, SECTIONS})
+            used_before[kind] = keeps_block ? LONG(used[kind]) : used_before[kind];
+        is_first ? remember_use() : must_leave_nothing();
         run->is_over = true;
         support::say("\f");
     }

@@ -111,8 +111,8 @@ public:
     // Throws when the process can't be started, after a few tries.
     explicit Child(const std::string &role, const RoleArgs &args = {});
 
-    // A thread that obeys a line at a time. It is there until the process ends: one that waits for
-    // good holds up nobody.
+    // A thread that obeys a line at a time, and is gone when there is none for long. One that waits
+    // for good holds up nobody.
     explicit Child(const Orders &orders);
 
     // Lets the process end by itself at the end of its input; ends one that does not at once.
